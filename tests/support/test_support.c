@@ -1,0 +1,93 @@
+/* Helpers shared by the unit tests. */
+#include "test_support.h"
+
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+int board_setup_at(time_t start)
+{
+    vplat_reset(start);
+    vplat_board_tree();
+    return 0;
+}
+
+int board_setup(void **state)
+{
+    (void)state;
+    return board_setup_at(T_EXAMPLE);
+}
+
+int board_teardown(void **state)
+{
+    (void)state;
+    vplat_cleanup();
+    return 0;
+}
+
+const char *spi_output(const char *fifth)
+{
+    static char buf[512];
+    snprintf(buf, sizeof buf,
+             "spiWrite: mode 0 length 3 data 1\nregister 0\ntx: 0 0\ntransfer complete\n%s", fifth);
+    return buf;
+}
+
+size_t assert_commands(size_t from, ...)
+{
+    va_list ap;
+    va_start(ap, from);
+    size_t i = from;
+    for (const char *want = va_arg(ap, const char *); want; want = va_arg(ap, const char *)) {
+        if (i >= vplat_cmd_count())
+            fail_msg("command %zu missing: expected \"%s\"", i, want);
+        assert_string_equal(vplat_cmd(i), want);
+        i++;
+    }
+    va_end(ap);
+    return i;
+}
+
+void assert_file(const char *board_path, const char *expected)
+{
+    char *got = vplat_read_file(board_path);
+    if (got == NULL)
+        fail_msg("file %s is missing", board_path);
+    assert_string_equal(got, expected);
+    free(got);
+}
+
+char *capture_stderr(void (*fn)(void *), void *arg)
+{
+    char path[] = "/tmp/zarvent-stderr-XXXXXX";
+    int fd = mkstemp(path);
+    assert_true(fd >= 0);
+    fflush(stderr);
+    int saved = dup(2);
+    dup2(fd, 2);
+    fn(arg);
+    fflush(stderr);
+    dup2(saved, 2);
+    close(saved);
+    lseek(fd, 0, SEEK_SET);
+    char *out = calloc(1, 4096);
+    ssize_t got = read(fd, out, 4095);
+    (void)got;
+    close(fd);
+    unlink(path);
+    return out;
+}
+
+time_t utc_time(int year, int month, int day, int hour, int minute, int second)
+{
+    struct tm t = {0};
+    t.tm_year = year - 1900;
+    t.tm_mon = month - 1;
+    t.tm_mday = day;
+    t.tm_hour = hour;
+    t.tm_min = minute;
+    t.tm_sec = second;
+    return timegm(&t);
+}
