@@ -65,6 +65,7 @@ struct stream {
 
 static struct {
     char root[512];
+    int root_kept;
     int64_t now_us;
     int64_t command_cost_us;
 
@@ -78,6 +79,7 @@ static struct {
     uint64_t regs[64];
     int configured;
     int loader_runs;
+    int regtool_fault;
     vplat_reg_read_hook on_read;
     vplat_reg_write_hook on_write;
     void *reg_ctx;
@@ -225,7 +227,7 @@ static void make_writable(const char *path)
 void vplat_cleanup(void)
 {
     LOCK();
-    if (vp.root[0]) {
+    if (vp.root[0] && !vp.root_kept) {
         make_writable(vp.root);
         nftw(vp.root, rm_entry, 16, FTW_DEPTH | FTW_PHYS);
         vp.root[0] = '\0';
@@ -258,18 +260,24 @@ void vplat_cleanup(void)
     UNLOCK();
 }
 
-void vplat_reset(time_t start_unix)
+static void reset_model(const char *root, time_t start_unix)
 {
     vplat_cleanup();
     LOCK();
     const struct vplat_sched_hooks *sched = vp.sched;
     memset(&vp, 0, sizeof vp);
     vp.sched = sched;
-    const char *tmp = getenv("TMPDIR");
-    snprintf(vp.root, sizeof vp.root, "%s/zarvent-board-XXXXXX", tmp && *tmp ? tmp : "/tmp");
-    if (mkdtemp(vp.root) == NULL) {
-        perror("vplat: mkdtemp");
-        abort();
+    if (root) {
+        snprintf(vp.root, sizeof vp.root, "%s", root);
+        mkdirs(vp.root);
+        vp.root_kept = 1;
+    } else {
+        const char *tmp = getenv("TMPDIR");
+        snprintf(vp.root, sizeof vp.root, "%s/zarvent-board-XXXXXX", tmp && *tmp ? tmp : "/tmp");
+        if (mkdtemp(vp.root) == NULL) {
+            perror("vplat: mkdtemp");
+            abort();
+        }
     }
     vp.now_us = (int64_t)start_unix * 1000000;
     vp.configured = 1;
@@ -284,6 +292,23 @@ void vplat_reset(time_t start_unix)
     mkdirs(p);
     map_path("/sys/class/gpio", p, sizeof p);
     mkdirs(p);
+    UNLOCK();
+}
+
+void vplat_reset(time_t start_unix)
+{
+    reset_model(NULL, start_unix);
+}
+
+void vplat_reset_in(const char *root, time_t start_unix)
+{
+    reset_model(root, start_unix);
+}
+
+void vplat_forget_root(void)
+{
+    LOCK();
+    vp.root_kept = 1;
     UNLOCK();
 }
 
@@ -1156,6 +1181,11 @@ void vplat_fpga_configured(int configured)
     vp.configured = configured;
 }
 
+void vplat_regtool_fault(int fault)
+{
+    vp.regtool_fault = fault;
+}
+
 int vplat_fpga_is_configured(void)
 {
     return vp.configured;
@@ -1206,6 +1236,15 @@ static void tool_spiwrite(char **w, int nw, const char *cmd, struct text *out)
     int reg = atoi(w[i++]);
     if (reg < 0 || reg >= 64)
         reg = 0;
+    if (vp.regtool_fault == 1) {
+        text_add(out, "\x01\x7f garbage %d\n###\n\n\xff\xfe\n", reg);
+        text_add(out, "AA AA ZZ \x80\x81 ?? xyz\n");
+        return;
+    }
+    if (vp.regtool_fault == 2) {
+        text_add(out, "spiWrite: mode %d length %d data %d\nregister %d\n", m, l, d, reg);
+        return;
+    }
     text_add(out, "spiWrite: mode %d length %d data %d\n", m, l, d);
     text_add(out, "register %d\n", reg);
     text_add(out, "tx:");

@@ -23,6 +23,10 @@
 /* ---- set-up ---- */
 /* Fresh model: new temporary root, empty logs and rules, clock at start_unix seconds. */
 void vplat_reset(time_t start_unix);
+/* Fresh model whose tree is the given directory (created when missing, kept by vplat_cleanup). */
+void vplat_reset_in(const char *root, time_t start_unix);
+/* vplat_cleanup leaves the tree in place (the simulator's outputs). */
+void vplat_forget_root(void);
 /* Creates the board's usual tree: /usr/bin/Zarvent with its tools and bitstream,
  * /ramcache/zarvent, /ftpdir, /etc/network, and lines 85 (output, 1) and 176 (input, 1). */
 void vplat_board_tree(void);
@@ -83,6 +87,8 @@ uint64_t vplat_reg_get(int reg);
 /* Whether the FPGA answers: configured answers "AA AA A5" to writes; unconfigured prints "FF FF FF". */
 void vplat_fpga_configured(int configured);
 int vplat_fpga_is_configured(void);
+/* Register tool faults: 0 none, 1 garbage on every line, 2 only two lines. */
+void vplat_regtool_fault(int fault);
 /* Hooks for the simulator: called for every register read (may change the value) and write. */
 typedef void (*vplat_reg_read_hook)(int reg, void *ctx);
 typedef void (*vplat_reg_write_hook)(int reg, uint64_t value, int nbytes, const char *cmd, void *ctx);

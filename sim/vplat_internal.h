@@ -1,5 +1,5 @@
 /* Hooks through which the simulator's scheduler takes over the virtual
- * board's time, threads and locks (sim/sched.c). */
+ * board's time, threads and locks (sim/vsched.c). */
 #ifndef ZARVENT_VPLAT_INTERNAL_H
 #define ZARVENT_VPLAT_INTERNAL_H
 
