@@ -8,6 +8,13 @@
 
 #include "vplat.h"
 
+/* A counter value served for register 24 or 26 (the test's independent sums). */
+struct counter_reading {
+    int64_t t_s;
+    int reg;
+    uint32_t value;
+};
+
 struct handover_record {
     int64_t t_us;
     int number;
@@ -32,6 +39,8 @@ static struct {
     struct handover_record *handovers;
     size_t nhandovers, caphandovers;
     int64_t resp_override; /* -1: from the load; else a fixed reading */
+    struct counter_reading *readings;
+    size_t nreadings, capreadings;
 } b;
 
 static uint32_t rng_next(void)
@@ -112,6 +121,38 @@ static uint32_t phase_ticks(void)
     return (uint32_t)(ns / 10.0);
 }
 
+static void record_reading(int reg, uint32_t value)
+{
+    /* Several reads in one second (the capture step reads the counters too)
+     * serve the same value; only the first is recorded. */
+    int64_t t = vplat_now_us() / 1000000;
+    for (size_t i = b.nreadings; i-- > 0 && b.readings[i].t_s == t;)
+        if (b.readings[i].reg == reg)
+            return;
+    if (b.nreadings == b.capreadings) {
+        b.capreadings = b.capreadings ? b.capreadings * 2 : 4096;
+        b.readings = realloc(b.readings, b.capreadings * sizeof *b.readings);
+        if (b.readings == NULL)
+            abort();
+    }
+    b.readings[b.nreadings++] = (struct counter_reading){t, reg, value};
+}
+
+/* Value of a counter for the current second: drawn once per second. */
+static uint32_t counter_value(int reg, int mean)
+{
+    int64_t t = vplat_now_us() / 1000000;
+    for (size_t i = b.nreadings; i-- > 0 && b.readings[i].t_s == t;)
+        if (b.readings[i].reg == reg)
+            return b.readings[i].value;
+    int v = mean + (int)(rng_next() % 5) - 2;
+    uint32_t value = (uint32_t)(v < 0 ? 0 : v);
+    if (reg == 26 && b.resp_override >= 0)
+        value = (uint32_t)b.resp_override;
+    record_reading(reg, value);
+    return value;
+}
+
 static void on_read(int reg, void *ctx)
 {
     (void)ctx;
@@ -120,16 +161,12 @@ static void on_read(int reg, void *ctx)
         integrate();
         vplat_reg_set(14, phase_ticks());
         break;
-    case 24: {
-        int v = b.cfg.requests + (int)(rng_next() % 5) - 2;
-        vplat_reg_set(24, (uint64_t)(v < 0 ? 0 : v));
+    case 24:
+        vplat_reg_set(24, counter_value(24, b.cfg.requests));
         break;
-    }
-    case 26: {
-        int v = b.cfg.responses + (int)(rng_next() % 5) - 2;
-        vplat_reg_set(26, b.resp_override >= 0 ? (uint64_t)b.resp_override : (uint64_t)(v < 0 ? 0 : v));
+    case 26:
+        vplat_reg_set(26, counter_value(26, b.cfg.responses));
         break;
-    }
     case 28:
         vplat_reg_set(28, b.events);
         break;
@@ -387,6 +424,13 @@ int board_write_logs(const char *dir)
             if (strstr(c, "spiWrite -m 1"))
                 fprintf(f, "%lld %s\n", (long long)(vplat_cmd_time_us(i) / 1000000), c);
         }
+        fclose(f);
+    }
+    f = open_log(dir, "counts.log");
+    if (f) {
+        for (size_t i = 0; i < b.nreadings; i++)
+            fprintf(f, "%lld %d %u\n", (long long)b.readings[i].t_s, b.readings[i].reg,
+                    b.readings[i].value);
         fclose(f);
     }
     struct board_stats s;

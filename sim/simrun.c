@@ -4,6 +4,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <time.h>
 
 #include "board.h"
@@ -157,12 +158,35 @@ static char *read_all(const char *path)
     return s;
 }
 
-static int apply_event(const struct event *e)
+/* "snapshot NAME [BOARD_PATH]": a copy of a board file (the status page by
+ * default) into the logs, taken 0.9 s into the second, after its cycle. */
+static void take_snapshot(char **w, int nw, const char *log_dir)
+{
+    const char *path = nw >= 3 ? w[2] : "/ramcache/zarvent/ntp_data.txt";
+    sched_wait(900000);
+    char *content = vplat_read_file(path);
+    char out[1024];
+    mkdir(log_dir, 0755);
+    snprintf(out, sizeof out, "%s/%s", log_dir, w[1]);
+    FILE *f = fopen(out, "w");
+    if (f) {
+        if (content)
+            fputs(content, f);
+        fclose(f);
+    }
+    free(content);
+}
+
+static int apply_event(const struct event *e, const char *log_dir)
 {
     char buf[512];
     snprintf(buf, sizeof buf, "%s", e->text);
     char *w[32];
     int nw = split(buf, w, 32);
+    if (nw >= 2 && strcmp(w[0], "snapshot") == 0) {
+        take_snapshot(w, nw, log_dir);
+        return 0;
+    }
     char error[256];
     if (board_command(w, nw, error, sizeof error) != 0) {
         fprintf(stderr, "scenario line %d: %s\n", e->line, error);
@@ -203,7 +227,7 @@ int sim_run(const struct sim_options *o)
     board_init(&sc.cfg);
     size_t next = 0;
     while (next < sc.nevents && sc.events[next].at_s <= 0)
-        if (apply_event(&sc.events[next++]))
+        if (apply_event(&sc.events[next++], log_dir))
             return -1;
     vplat_set_command_cost_us(sc.command_cost_us);
     sched_init(o->pace);
@@ -216,7 +240,7 @@ int sim_run(const struct sim_options *o)
     for (int64_t sec = 1; sec <= sc.duration_s; sec++) {
         sched_wait(start_us + sec * 1000000 - vplat_now_us());
         while (next < sc.nevents && sc.events[next].at_s <= sec)
-            if (apply_event(&sc.events[next++]))
+            if (apply_event(&sc.events[next++], log_dir))
                 return -1;
         if (o->each_second)
             o->each_second(sc.start + sec, o->ctx);
