@@ -1,5 +1,6 @@
 /* zarvent-sim: the daemon against the simulated board.
  *   zarvent-sim --scenario FILE --out DIR [--pace P|fast] [--duration S] [--show]
+ * --show redraws the demo screen every board second.
  * The board's files stay in DIR/board (for example DIR/board/ramcache/zarvent/ntp_data.txt),
  * the run's logs in DIR/logs. */
 #include <signal.h>
@@ -8,6 +9,7 @@
 #include <string.h>
 
 #include "simrun.h"
+#include "view.h"
 
 static volatile int stop_requested;
 
@@ -19,12 +21,13 @@ static void on_signal(int sig)
 
 static void usage(void)
 {
-    fprintf(stderr, "usage: zarvent-sim --scenario FILE --out DIR [--pace P|fast] [--duration S]\n");
+    fprintf(stderr, "usage: zarvent-sim --scenario FILE --out DIR [--pace P|fast] [--duration S] [--show]\n");
 }
 
 int main(int argc, char **argv)
 {
     struct sim_options o = {0};
+    int show = 0;
     o.pace = 0;
     for (int i = 1; i < argc; i++) {
         if (strcmp(argv[i], "--scenario") == 0 && i + 1 < argc)
@@ -51,6 +54,11 @@ int main(int argc, char **argv)
     sigaction(SIGINT, &sa, NULL);
     sigaction(SIGTERM, &sa, NULL);
     o.stop = &stop_requested;
+    struct view v = {o.out_dir, o.scenario_path, o.pace};
+    if (show) {
+        o.each_second = view_second;
+        o.ctx = &v;
+    }
     int rc = sim_run(&o);
     if (rc == 0)
         printf("board files: %s/board   logs: %s/logs\n", o.out_dir, o.out_dir);

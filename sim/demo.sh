@@ -1,0 +1,48 @@
+#!/usr/bin/env bash
+# ./run demo [SCENARIO] [--pace P|fast] [--duration S] [--out DIR]
+# Runs the daemon against the simulated board and shows what the appliance's
+# web interface would show, redrawn every board second. SCENARIO is a name
+# from sim/scenarios/ (normal, antenna-short, receiver-lost, statistics-on,
+# alarm) or a scenario file. Ctrl-C stops the run cleanly.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+scenario=normal
+pace=1
+duration=
+out=${TMPDIR:-/tmp}/zarvent-demo
+while [ $# -gt 0 ]; do
+    case "$1" in
+    --pace) pace=$2; shift 2 ;;
+    --duration) duration=$2; shift 2 ;;
+    --out) out=$2; shift 2 ;;
+    -h|--help) sed -n '2,7p' "$0"; exit 0 ;;
+    *) scenario=$1; shift ;;
+    esac
+done
+file=$scenario
+[ -f "$file" ] || file=sim/scenarios/$scenario.scn
+if [ ! -f "$file" ]; then
+    echo "no scenario $scenario; choose one of: $(cd sim/scenarios && ls *.scn | sed 's/\.scn$//' | tr '\n' ' ')" >&2
+    exit 2
+fi
+
+# What a fresh Debian 12 machine lacks for the build.
+if ! command -v cmake >/dev/null || ! command -v gcc >/dev/null; then
+    if [ "$(id -u)" = 0 ]; then
+        apt-get update -qq || true
+        DEBIAN_FRONTEND=noninteractive apt-get install -y -qq cmake gcc make >/dev/null
+    else
+        echo "cmake and gcc are needed: sudo apt-get install cmake gcc make" >&2
+        exit 1
+    fi
+fi
+cmake -S . -B build-demo -DCMAKE_BUILD_TYPE=Release -DZARVENT_TESTS=ON >/dev/null
+cmake --build build-demo -j "$(nproc)" --target zarvent-sim >/dev/null
+
+rm -rf "$out"
+mkdir -p "$out"
+args=(--scenario "$file" --out "$out" --show)
+if [ "$pace" = fast ]; then args+=(--pace fast); else args+=(--pace "$pace"); fi
+[ -n "$duration" ] && args+=(--duration "$duration")
+exec build-demo/sim/zarvent-sim "${args[@]}"
