@@ -118,7 +118,7 @@ cd /usr/bin/Zarvent && exec ./zarvent > /log/stdout 2> /log/stderr
 EOS
 chmod 755 "$ROOT/start.sh"
 
-unshare --net --mount --pid --fork sh -c \
+unshare --net --mount --pid --fork --kill-child sh -c \
     "mount --make-rprivate / && touch '$ROOT/dev/null' && mount --bind /dev/null '$ROOT/dev/null' &&
      exec chroot '$ROOT' /bin/sh /start.sh" &
 NSPID=$!
