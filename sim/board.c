@@ -26,15 +26,15 @@ struct handover_record {
 static struct {
     struct board_config cfg;
     uint32_t rng;
-    double offset;        /* ns, the model's true offset */
-    int64_t offset_t_us;  /* time of the last integration */
-    int code;             /* DAC code in force */
+    double offset;       /* ns, the model's true offset */
+    int64_t offset_t_us; /* time of the last integration */
+    int code;            /* DAC code in force */
     size_t dac_seen;
     int reg_garbage, reg_short;
-    int open_number;      /* number written to register 10, -1 when none */
+    int open_number; /* number written to register 10, -1 when none */
     uint64_t pending_count;
     int have_count;
-    uint8_t events;       /* register 28 flags pending */
+    uint8_t events; /* register 28 flags pending */
     struct board_stats st;
     struct handover_record *handovers;
     size_t nhandovers, caphandovers;
@@ -183,7 +183,8 @@ static void record_handover(int number, uint64_t count, uint64_t expected, int a
         if (b.handovers == NULL)
             abort();
     }
-    b.handovers[b.nhandovers++] = (struct handover_record){vplat_now_us(), number, count, expected, accepted};
+    b.handovers[b.nhandovers++] =
+        (struct handover_record){vplat_now_us(), number, count, expected, accepted};
 }
 
 static void on_write(int reg, uint64_t value, int nbytes, const char *cmd, void *ctx)
@@ -411,9 +412,9 @@ int board_write_logs(const char *dir)
     if (f) {
         for (size_t i = 0; i < b.nhandovers; i++) {
             struct handover_record *h = &b.handovers[i];
-            fprintf(f, "%lld number=%d count=%llu expected=%llu %s\n", (long long)(h->t_us / 1000000),
-                    h->number, (unsigned long long)h->count, (unsigned long long)h->expected,
-                    h->accepted ? "accepted" : "rejected");
+            fprintf(f, "%lld number=%d count=%llu expected=%llu %s\n",
+                    (long long)(h->t_us / 1000000), h->number, (unsigned long long)h->count,
+                    (unsigned long long)h->expected, h->accepted ? "accepted" : "rejected");
         }
         fclose(f);
     }
@@ -437,9 +438,10 @@ int board_write_logs(const char *dir)
     board_stats(&s);
     f = open_log(dir, "summary.log");
     if (f) {
-        fprintf(f, "handovers_open %d\nhandovers_accepted %d\nhandovers_rejected %d\n"
-                   "dac_words %d\ndac_malformed %d\nlast_dac_code %d\noffset_ns %.1f\n"
-                   "event_acks %d %d\n",
+        fprintf(f,
+                "handovers_open %d\nhandovers_accepted %d\nhandovers_rejected %d\n"
+                "dac_words %d\ndac_malformed %d\nlast_dac_code %d\noffset_ns %.1f\n"
+                "event_acks %d %d\n",
                 s.handovers_open, s.handovers_accepted, s.handovers_rejected, s.dac_words,
                 s.dac_malformed, s.last_dac_code, s.offset_ns, s.event_acks[0], s.event_acks[1]);
         fclose(f);

@@ -10,11 +10,11 @@
 
 struct board_config {
     uint32_t seed;
-    double gain;           /* ns/s of frequency per DAC code (a higher code makes the offset fall) */
-    int natural_code;      /* DAC code at which the oscillator is exactly on frequency */
-    double noise_ns;       /* white phase noise of each measurement, ns (standard deviation) */
-    double initial_offset; /* offset at start, ns */
-    int64_t pulse_high_us; /* high part of each second on line 19 */
+    double gain;      /* ns/s of frequency per DAC code (a higher code makes the offset fall) */
+    int natural_code; /* DAC code at which the oscillator is exactly on frequency */
+    double noise_ns;  /* white phase noise of each measurement, ns (standard deviation) */
+    double initial_offset;   /* offset at start, ns */
+    int64_t pulse_high_us;   /* high part of each second on line 19 */
     int requests, responses; /* PTP packets per second (mean) */
 };
 
@@ -26,14 +26,14 @@ void board_init(const struct board_config *c);
 int board_command(char **words, int count, char *error, size_t error_size);
 
 struct board_stats {
-    int handovers_accepted;  /* register 11 closed with the right seconds count */
-    int handovers_rejected;  /* closed with a wrong count */
-    int handovers_open;      /* register 10 written */
+    int handovers_accepted; /* register 11 closed with the right seconds count */
+    int handovers_rejected; /* closed with a wrong count */
+    int handovers_open;     /* register 10 written */
     int64_t last_accepted_us;
     int dac_words, dac_malformed;
     int last_dac_code;
-    double offset_ns;        /* the model's current offset */
-    int event_acks[2];       /* acknowledgements of event flags 1 and 2 */
+    double offset_ns;  /* the model's current offset */
+    int event_acks[2]; /* acknowledgements of event flags 1 and 2 */
 };
 void board_stats(struct board_stats *s);
 

@@ -21,7 +21,9 @@ static void on_signal(int sig)
 
 static void usage(void)
 {
-    fprintf(stderr, "usage: zarvent-sim --scenario FILE --out DIR [--pace P|fast] [--duration S] [--show]\n");
+    fprintf(
+        stderr,
+        "usage: zarvent-sim --scenario FILE --out DIR [--pace P|fast] [--duration S] [--show]\n");
 }
 
 int main(int argc, char **argv)

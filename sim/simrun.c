@@ -31,7 +31,8 @@ static int split(char *s, char **w, int max)
 {
     int count = 0;
     char *save = NULL;
-    for (char *t = strtok_r(s, " \t\r\n", &save); t && count < max; t = strtok_r(NULL, " \t\r\n", &save))
+    for (char *t = strtok_r(s, " \t\r\n", &save); t && count < max;
+         t = strtok_r(NULL, " \t\r\n", &save))
         w[count++] = t;
     return count;
 }
@@ -205,7 +206,8 @@ static int by_time(const void *a, const void *b)
 
 int sim_run(const struct sim_options *o)
 {
-    char *text = o->scenario_path ? read_all(o->scenario_path) : strdup(o->scenario_text ? o->scenario_text : "");
+    char *text = o->scenario_path ? read_all(o->scenario_path)
+                                  : strdup(o->scenario_text ? o->scenario_text : "");
     if (text == NULL) {
         fprintf(stderr, "cannot read scenario %s\n", o->scenario_path ? o->scenario_path : "");
         return -1;

@@ -8,13 +8,13 @@
 struct sim_options {
     const char *scenario_path; /* scenario file, or NULL to use scenario_text */
     const char *scenario_text;
-    const char *out_dir;       /* board tree in out_dir/board, logs in out_dir/logs */
-    double pace;               /* 0 as fast as possible, 1 real time, p: p times real time */
-    int64_t duration_s;        /* overrides the scenario's duration when > 0 */
+    const char *out_dir; /* board tree in out_dir/board, logs in out_dir/logs */
+    double pace;         /* 0 as fast as possible, 1 real time, p: p times real time */
+    int64_t duration_s;  /* overrides the scenario's duration when > 0 */
     /* Called once per virtual second while the run lasts (may be NULL). */
     void (*each_second)(int64_t t_s, void *ctx);
     void *ctx;
-    volatile int *stop;        /* the run ends at the next second when *stop becomes non-zero */
+    volatile int *stop; /* the run ends at the next second when *stop becomes non-zero */
 };
 
 /* Runs the scenario; 0 on success, -1 on a scenario error (message on stderr).

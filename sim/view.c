@@ -91,10 +91,13 @@ static void print_plot(void)
         double half = (double)span / (PLOT_ROWS - 1);
         printf("  %7.0f |", level);
         for (int i = 0; i < count; i++)
-            putchar(v[i] > level - half && v[i] <= level + half ? '*' : row == PLOT_ROWS / 2 ? '-' : ' ');
+            putchar(v[i] > level - half && v[i] <= level + half ? '*'
+                    : row == PLOT_ROWS / 2                      ? '-'
+                                                                : ' ');
         putchar('\n');
     }
-    printf("          last %d points, newest right; offset [ns] after the clamp to +-10000\n", count);
+    printf("          last %d points, newest right; offset [ns] after the clamp to +-10000\n",
+           count);
 }
 
 static const char *led(int line)
@@ -112,8 +115,10 @@ void view_second(int64_t t_s, void *ctx)
     struct board_stats s;
     board_stats(&s);
     printf("\033[H\033[2J");
-    printf("Zarvent on the simulated board  |  scenario %s  |  board time %04d-%02d-%02d %02d:%02d:%02d UTC",
-           v->scenario, tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec);
+    printf("Zarvent on the simulated board  |  scenario %s  |  board time %04d-%02d-%02d "
+           "%02d:%02d:%02d UTC",
+           v->scenario, tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min,
+           tm.tm_sec);
     if (v->pace > 0)
         printf("  |  pace %gx\n", v->pace);
     else
@@ -125,11 +130,13 @@ void view_second(int64_t t_s, void *ctx)
     printf("\n-- LEDs and lines\n");
     printf("  reference 72/73: %s %s   alarm 76/77: %s %s   antenna 74/75: %s %s   "
            "client 70/71: %s %s   factory 78: %s   antenna feed 85: %s\n",
-           led(72), led(73), led(76), led(77), led(74), led(75), led(70), led(71), led(78), led(85));
+           led(72), led(73), led(76), led(77), led(74), led(75), led(70), led(71), led(78),
+           led(85));
     printf("  DAC code %d   oscillator offset %.1f ns   hand-overs accepted %d rejected %d\n",
            s.last_dac_code, s.offset_ns, s.handovers_accepted, s.handovers_rejected);
     printf("\n-- files: status page, chart files and errorlog in %s/board/ramcache/zarvent/,\n"
-           "   stat.txt in %s/board/ftpdir/, run logs (commands, lines, DAC words) in %s/logs/ at the end\n"
+           "   stat.txt in %s/board/ftpdir/, run logs (commands, lines, DAC words) in %s/logs/ at "
+           "the end\n"
            "   Ctrl-C stops the run.\n",
            v->out_dir, v->out_dir, v->out_dir);
     fflush(stdout);

@@ -1210,7 +1210,8 @@ static int split_words(char *s, char **words, int max)
 {
     int count = 0;
     char *save = NULL;
-    for (char *w = strtok_r(s, " \t\n", &save); w && count < max; w = strtok_r(NULL, " \t\n", &save))
+    for (char *w = strtok_r(s, " \t\n", &save); w && count < max;
+         w = strtok_r(NULL, " \t\n", &save))
         words[count++] = w;
     return count;
 }
@@ -1373,17 +1374,23 @@ void vplat_format_clockvar(int64_t unix_us, char status, char *out, size_t n)
 
 static void ntpq_peers(struct text *out)
 {
-    text_add(out, "     remote           refid      st t when poll reach   delay   offset  jitter\n");
-    text_add(out, "==============================================================================\n");
-    const char *gps = " GPS_NMEA(0)     .GPS.            0 l    5   16  377    0.000   -0.012   0.003\n";
+    text_add(out,
+             "     remote           refid      st t when poll reach   delay   offset  jitter\n");
+    text_add(out,
+             "==============================================================================\n");
+    const char *gps =
+        " GPS_NMEA(0)     .GPS.            0 l    5   16  377    0.000   -0.012   0.003\n";
     if (vp.peer == VPEER_SYSTEM || vp.peer == VPEER_BOTH)
         gps = "*GPS_NMEA(0)     .GPS.            0 l    5   16  377    0.000   -0.012   0.003\n";
     else if (vp.peer == VPEER_PPS)
         gps = "oGPS_NMEA(0)     .GPS.            0 l    5   16  377    0.000    0.000   0.004\n";
     text_add(out, "%s", gps);
     if (vp.peer == VPEER_BOTH)
-        text_add(out, "oGPS_NMEA(1)     .PPS.            0 l    -    8  377    0.000    0.000   0.004\n");
-    text_add(out, "+darwin.kenyonra 127.67.113.92    2 u   50   64  377   28.478    4.232   0.953\n");
+        text_add(
+            out,
+            "oGPS_NMEA(1)     .PPS.            0 l    -    8  377    0.000    0.000   0.004\n");
+    text_add(out,
+             "+darwin.kenyonra 127.67.113.92    2 u   50   64  377   28.478    4.232   0.953\n");
 }
 
 /* ------------------------------------------------------------------ shell utilities on the tree */

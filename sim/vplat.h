@@ -34,7 +34,8 @@ void vplat_board_tree(void);
 void vplat_cleanup(void);
 /* Root directory of the tree. */
 const char *vplat_root(void);
-/* Host path of a board path (absolute, or relative to /usr/bin/Zarvent). Static buffer per thread. */
+/* Host path of a board path (absolute, or relative to /usr/bin/Zarvent). Static buffer per thread.
+ */
 const char *vplat_path(const char *board_path);
 
 /* ---- files of the tree ---- */
@@ -84,14 +85,16 @@ void vplat_cmd_clear(void);
 void vplat_reg_set(int reg, uint64_t value);
 /* Last value read from or written to reg. */
 uint64_t vplat_reg_get(int reg);
-/* Whether the FPGA answers: configured answers "AA AA A5" to writes; unconfigured prints "FF FF FF". */
+/* Whether the FPGA answers: configured answers "AA AA A5" to writes; unconfigured prints "FF FF
+ * FF". */
 void vplat_fpga_configured(int configured);
 int vplat_fpga_is_configured(void);
 /* Register tool faults: 0 none, 1 garbage on every line, 2 only two lines. */
 void vplat_regtool_fault(int fault);
 /* Hooks for the simulator: called for every register read (may change the value) and write. */
 typedef void (*vplat_reg_read_hook)(int reg, void *ctx);
-typedef void (*vplat_reg_write_hook)(int reg, uint64_t value, int nbytes, const char *cmd, void *ctx);
+typedef void (*vplat_reg_write_hook)(int reg, uint64_t value, int nbytes, const char *cmd,
+                                     void *ctx);
 void vplat_set_reg_hooks(vplat_reg_read_hook on_read, vplat_reg_write_hook on_write, void *ctx);
 /* Number of times wrFPGA ran. */
 int vplat_loader_runs(void);
@@ -156,7 +159,14 @@ size_t vplat_dac_count(void);
 const struct vplat_dac_word *vplat_dac_at(size_t i);
 
 /* ---- SPI capture device (Part 4.1) ---- */
-enum vplat_spi_op { VSPI_OPEN, VSPI_WR_MODE, VSPI_RD_MODE, VSPI_WR_BITS, VSPI_RD_BITS, VSPI_MESSAGE };
+enum vplat_spi_op {
+    VSPI_OPEN,
+    VSPI_WR_MODE,
+    VSPI_RD_MODE,
+    VSPI_WR_BITS,
+    VSPI_RD_BITS,
+    VSPI_MESSAGE
+};
 /* Whether /dev/spidev1.0 exists. */
 void vplat_spi_present(int present);
 /* Makes one operation fail (open returns -1, ioctl -1, message 0). */

@@ -7,8 +7,8 @@
 #include <stdint.h>
 
 struct vplat_sched_hooks {
-    void (*wait)(int64_t us);                              /* let us of virtual time pass */
-    int (*thread_start)(pthread_t *, void *(*)(void *));  /* start a scheduled thread */
+    void (*wait)(int64_t us);                            /* let us of virtual time pass */
+    int (*thread_start)(pthread_t *, void *(*)(void *)); /* start a scheduled thread */
     void (*block_forever)(void);
     void (*mutex_lock)(pthread_mutex_t *m);
 };

@@ -15,7 +15,8 @@ static void test_fifth_line(void **state)
 {
     (void)state;
     char buf[100];
-    assert_int_equal(run_read_lines("printf 'a\\nb\\nc\\nd\\nAA AA 3C\\n'", 5, 5, buf, sizeof buf), 0);
+    assert_int_equal(run_read_lines("printf 'a\\nb\\nc\\nd\\nAA AA 3C\\n'", 5, 5, buf, sizeof buf),
+                     0);
     assert_string_equal(buf, "AA AA 3C\n");
     long v = 0;
     assert_int_equal(reg_read_byte("printf 'a\\nb\\nc\\nd\\nAA AA 3C\\n'", 6, &v), 0);
@@ -40,7 +41,8 @@ static void test_missing_tool(void **state)
     (void)state;
     /* The shell starts but the program is missing: no output, not a value. */
     char buf[100];
-    assert_int_equal(run_read_lines("/nonexistent/spiWrite -m 0 2>/dev/null", 5, 5, buf, sizeof buf), -1);
+    assert_int_equal(
+        run_read_lines("/nonexistent/spiWrite -m 0 2>/dev/null", 5, 5, buf, sizeof buf), -1);
     assert_int_equal(run_has_output("/nonexistent/ntpq -p 2>/dev/null | grep '*G'"), 0);
     assert_int_equal(run_has_output("printf 'x'"), 1);
     assert_int_equal(run_command("true", "r"), 0);
@@ -70,10 +72,8 @@ static void test_clock(void **state)
 int main(void)
 {
     const struct CMUnitTest tests[] = {
-        cmocka_unit_test(test_fifth_line),
-        cmocka_unit_test(test_short_output),
-        cmocka_unit_test(test_missing_tool),
-        cmocka_unit_test(test_overlong_line_and_no_newline),
+        cmocka_unit_test(test_fifth_line),   cmocka_unit_test(test_short_output),
+        cmocka_unit_test(test_missing_tool), cmocka_unit_test(test_overlong_line_and_no_newline),
         cmocka_unit_test(test_clock),
     };
     return cmocka_run_group_tests(tests, NULL, NULL);

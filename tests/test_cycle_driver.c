@@ -134,11 +134,16 @@ int main(void)
     const struct CMUnitTest tests[] = {
         cmocka_unit_test_setup_teardown(test_long_pulse_one_cycle, cycle_board, board_teardown),
         cmocka_unit_test_setup_teardown(test_line_high_at_start, cycle_board, board_teardown),
-        cmocka_unit_test_setup_teardown(test_low_then_high_keeps_first_f, cycle_board, board_teardown),
-        cmocka_unit_test_setup_teardown(test_unreadable_line_never_cycles, cycle_board, board_teardown),
-        cmocka_unit_test_setup_teardown(test_setup_line19_and_dac_lines_ready, cycle_board, board_teardown),
-        cmocka_unit_test_setup_teardown(test_setup_waits_then_configures_dac_lines, cycle_board, board_teardown),
-        cmocka_unit_test_setup_teardown(test_edge_failure_is_reported_and_ignored, cycle_board, board_teardown),
+        cmocka_unit_test_setup_teardown(test_low_then_high_keeps_first_f, cycle_board,
+                                        board_teardown),
+        cmocka_unit_test_setup_teardown(test_unreadable_line_never_cycles, cycle_board,
+                                        board_teardown),
+        cmocka_unit_test_setup_teardown(test_setup_line19_and_dac_lines_ready, cycle_board,
+                                        board_teardown),
+        cmocka_unit_test_setup_teardown(test_setup_waits_then_configures_dac_lines, cycle_board,
+                                        board_teardown),
+        cmocka_unit_test_setup_teardown(test_edge_failure_is_reported_and_ignored, cycle_board,
+                                        board_teardown),
     };
     return cmocka_run_group_tests(tests, NULL, NULL);
 }

@@ -42,8 +42,8 @@ static void test_answer_without_line_end_no_match(void **state)
     int64_t before = vplat_now_us();
     BurnFPGA();
     assert_int_equal(cfgOk, 1);
-    assert_int_equal(vplat_cmd_occurrences(write), 3); /* two failed attempts, then the match */
-    assert_int_equal(vplat_now_us() - before, 2000000);  /* one second between attempts */
+    assert_int_equal(vplat_cmd_occurrences(write), 3);  /* two failed attempts, then the match */
+    assert_int_equal(vplat_now_us() - before, 2000000); /* one second between attempts */
     assert_int_equal(vplat_loader_runs(), 1);           /* never loaded twice */
 }
 
@@ -120,13 +120,18 @@ static void test_unconfigured_fpga_loaded_once(void **state)
 int main(void)
 {
     const struct CMUnitTest tests[] = {
-        cmocka_unit_test_setup_teardown(test_answer_with_line_end_ready_at_once, fpga_board, board_teardown),
-        cmocka_unit_test_setup_teardown(test_answer_without_line_end_no_match, fpga_board, board_teardown),
-        cmocka_unit_test_setup_teardown(test_answer_one_character_too_many, fpga_board, board_teardown),
+        cmocka_unit_test_setup_teardown(test_answer_with_line_end_ready_at_once, fpga_board,
+                                        board_teardown),
+        cmocka_unit_test_setup_teardown(test_answer_without_line_end_no_match, fpga_board,
+                                        board_teardown),
+        cmocka_unit_test_setup_teardown(test_answer_one_character_too_many, fpga_board,
+                                        board_teardown),
         cmocka_unit_test_setup_teardown(test_loader_missing, fpga_board, board_teardown),
         cmocka_unit_test_setup_teardown(test_ready_ignores_line_182, fpga_board, board_teardown),
-        cmocka_unit_test_setup_teardown(test_short_output_counts_as_failed, fpga_board, board_teardown),
-        cmocka_unit_test_setup_teardown(test_unconfigured_fpga_loaded_once, fpga_board, board_teardown),
+        cmocka_unit_test_setup_teardown(test_short_output_counts_as_failed, fpga_board,
+                                        board_teardown),
+        cmocka_unit_test_setup_teardown(test_unconfigured_fpga_loaded_once, fpga_board,
+                                        board_teardown),
     };
     return cmocka_run_group_tests(tests, NULL, NULL);
 }

@@ -78,9 +78,12 @@ static void test_protocol_bytes(void **state)
 int main(void)
 {
     const struct CMUnitTest tests[] = {
-        cmocka_unit_test_setup_teardown(test_get_input_unexported_reads_zero, board_setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_export_twice_keeps_direction, board_setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_set_output_writes_single_character, board_setup, board_teardown),
+        cmocka_unit_test_setup_teardown(test_get_input_unexported_reads_zero, board_setup,
+                                        board_teardown),
+        cmocka_unit_test_setup_teardown(test_export_twice_keeps_direction, board_setup,
+                                        board_teardown),
+        cmocka_unit_test_setup_teardown(test_set_output_writes_single_character, board_setup,
+                                        board_teardown),
         cmocka_unit_test_setup_teardown(test_set_edge_missing_line, board_setup, board_teardown),
         cmocka_unit_test_setup_teardown(test_protocol_bytes, board_setup, board_teardown),
     };

@@ -95,7 +95,8 @@ static void test_write_lines(void **state)
     (void)state;
     assert_int_equal(reg_write(1, 31, "r"), 0);
     assert_int_equal(reg_write(2, 30, "w"), 0);
-    assert_commands(0, "./spiWrite -m 1 -l 3 -d 1 1 31 0", "./spiWrite -m 1 -l 3 -d 1 2 30 0", NULL);
+    assert_commands(0, "./spiWrite -m 1 -l 3 -d 1 1 31 0", "./spiWrite -m 1 -l 3 -d 1 2 30 0",
+                    NULL);
     assert_int_equal(vplat_reg_get(1), 31);
     vplat_fail_command("./spiWrite -m 1 -l 3 -d 1 1 1 0");
     assert_int_equal(reg_write(1, 1, "r"), -1);
@@ -164,7 +165,8 @@ static void test_runner_line_without_newline(void **state)
 static void test_runner_binary_junk(void **state)
 {
     (void)state;
-    static const char junk[] = "\x01\x02\xff\xfe\n\x80\x81\n\n\n\xff\xff" "AA\xfe\n";
+    static const char junk[] = "\x01\x02\xff\xfe\n\x80\x81\n\n\n\xff\xff"
+                               "AA\xfe\n";
     vplat_on_command("junk", junk);
     long v = -1;
     assert_int_equal(reg_read_byte("junk", 5, &v), 0);
@@ -179,13 +181,16 @@ int main(void)
         cmocka_unit_test_setup_teardown(test_two_byte_read, board_setup, board_teardown),
         cmocka_unit_test_setup_teardown(test_four_byte_parse, board_setup, board_teardown),
         cmocka_unit_test_setup_teardown(test_read_control, board_setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_read_control_six_calls_takes_fifth_line, board_setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_failed_read_is_never_written_back, board_setup, board_teardown),
+        cmocka_unit_test_setup_teardown(test_read_control_six_calls_takes_fifth_line, board_setup,
+                                        board_teardown),
+        cmocka_unit_test_setup_teardown(test_failed_read_is_never_written_back, board_setup,
+                                        board_teardown),
         cmocka_unit_test_setup_teardown(test_write_lines, board_setup, board_teardown),
         cmocka_unit_test_setup_teardown(test_runner_short_output, board_setup, board_teardown),
         cmocka_unit_test_setup_teardown(test_runner_missing_tool, board_setup, board_teardown),
         cmocka_unit_test_setup_teardown(test_runner_overlong_lines, board_setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_runner_line_without_newline, board_setup, board_teardown),
+        cmocka_unit_test_setup_teardown(test_runner_line_without_newline, board_setup,
+                                        board_teardown),
         cmocka_unit_test_setup_teardown(test_runner_binary_junk, board_setup, board_teardown),
     };
     return cmocka_run_group_tests(tests, NULL, NULL);

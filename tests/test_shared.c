@@ -25,7 +25,8 @@ static void test_initial_values(void **state)
 static void test_stat_out_field_order(void **state)
 {
     (void)state;
-    /* Part 4.2's order: ReqSec, RespSec, ReqMin, RespMin, ReqHour, RespHour, ReqDay, RespDay, floats. */
+    /* Part 4.2's order: ReqSec, RespSec, ReqMin, RespMin, ReqHour, RespHour, ReqDay, RespDay,
+     * floats. */
     assert_int_equal(offsetof(struct stat_out, ReqSec), 0);
     assert_int_equal(offsetof(struct stat_out, RespSec), 480);
     assert_int_equal(offsetof(struct stat_out, ReqMin), 960);

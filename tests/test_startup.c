@@ -151,9 +151,11 @@ int main(void)
         cmocka_unit_test_setup_teardown(test_second_start, bare_board, board_teardown),
         cmocka_unit_test_setup_teardown(test_stat_out_cleared, bare_board, board_teardown),
         cmocka_unit_test_setup_teardown(test_missing_ramdisk_goes_on, bare_board, board_teardown),
-        cmocka_unit_test_setup_teardown(test_timeinfo_set_before_threads, bare_board, board_teardown),
+        cmocka_unit_test_setup_teardown(test_timeinfo_set_before_threads, bare_board,
+                                        board_teardown),
         cmocka_unit_test_setup_teardown(test_threads_in_order, bare_board, board_teardown),
-        cmocka_unit_test_setup_teardown(test_reference_name_empty_before_first_pass, bare_board, board_teardown),
+        cmocka_unit_test_setup_teardown(test_reference_name_empty_before_first_pass, bare_board,
+                                        board_teardown),
     };
     return cmocka_run_group_tests(tests, NULL, NULL);
 }

@@ -20,13 +20,13 @@
 /* Positions in `Command_Out` (Part 1.2). */
 enum {
     CO_SIZE = 163,
-    CO_REF_NAME = 0,    /* 0-17: reference name */
-    CO_REF_PREV = 18,   /* 18-35: previous reference name */
-    CO_OFFSET = 53,     /* 53-61: offset text */
-    CO_ANTENNA = 63,    /* antenna code, a number */
-    CO_NOW = 65,        /* 65-89: current date and time */
-    CO_EVENT = 117,     /* 117-141: start or alarm time */
-    CO_STAMP = 143,     /* 143-160: NTP time stamp, no terminator */
+    CO_REF_NAME = 0,  /* 0-17: reference name */
+    CO_REF_PREV = 18, /* 18-35: previous reference name */
+    CO_OFFSET = 53,   /* 53-61: offset text */
+    CO_ANTENNA = 63,  /* antenna code, a number */
+    CO_NOW = 65,      /* 65-89: current date and time */
+    CO_EVENT = 117,   /* 117-141: start or alarm time */
+    CO_STAMP = 143,   /* 143-160: NTP time stamp, no terminator */
     CO_STAMP_LEN = 18,
     CO_TIME_LEN = 24,
 };
@@ -56,12 +56,12 @@ _Static_assert(sizeof(struct stat_out) == 24928, "Stat_Out is 24928 bytes (Part 
 /* ---- Globals used by more than one operation (Part 1.2) ---- */
 extern char Command_Out[CO_SIZE];
 extern struct stat_out Stat_Out;
-extern struct tm *timeinfo;          /* never NULL once CreateRAMDisk has run */
-extern int32_t Sync_En;              /* cycle thread only */
-extern int32_t DAC_VOLTAGE;          /* cycle thread only */
+extern struct tm *timeinfo; /* never NULL once CreateRAMDisk has run */
+extern int32_t Sync_En;     /* cycle thread only */
+extern int32_t DAC_VOLTAGE; /* cycle thread only */
 extern _Atomic uint8_t Alarm;
 extern _Atomic int32_t Leap_Time;
-extern int32_t Jitter;               /* cycle thread only */
+extern int32_t Jitter; /* cycle thread only */
 
 /* ---- Globals private to one Part (Part 1.2) ---- */
 extern pthread_t threadFPGA, threadLED, threadINT; /* 1.1 */

@@ -14,7 +14,8 @@ int PinSetDirectionIn(const char *pin);
 int PinSetOutput(const char *pin, int value);
 /* Reads the line's level; a line that cannot be opened or read reads as 0. */
 int PinGetInput(const char *pin);
-/* Writes the edge text with its terminator; "gpio/set-edge" and a negative result when the file cannot be opened. */
+/* Writes the edge text with its terminator; "gpio/set-edge" and a negative result when the file
+ * cannot be opened. */
 int GpioSetEdge(int gpio, const char *edge);
 
 #endif

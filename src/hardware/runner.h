@@ -10,7 +10,8 @@
 
 #include <stddef.h>
 
-/* Runs cmd in mode ("r" or "w") and closes it at once, output unread. 0 when it started, -1 when not. */
+/* Runs cmd in mode ("r" or "w") and closes it at once, output unread. 0 when it started, -1 when
+ * not. */
 int run_command(const char *cmd, const char *mode);
 /* Runs cmd (mode "r"), calls fgets `calls` times into buf (size bufsz, >= 2);
  * a call that finds the end leaves buf as it was. Returns 0 when at least

@@ -14,7 +14,8 @@
 #include <sys/types.h>
 #include <time.h>
 
-/* Runs a shell command line; mode "r" reads its output, "w" discards nothing. NULL when it cannot start. */
+/* Runs a shell command line; mode "r" reads its output, "w" discards nothing. NULL when it cannot
+ * start. */
 FILE *plat_popen(const char *cmd, const char *mode);
 /* Closes a stream from plat_popen and waits for the command. */
 int plat_pclose(FILE *f);

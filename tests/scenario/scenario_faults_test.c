@@ -67,7 +67,8 @@ static void test_keeps_running_and_recovers(void **state)
     free(no_ntpq);
     char *no_ntptime = run_log(&r, "no-ntptime");
     /* ntptime missing: the page is still written; the time slots keep their last value. */
-    assert_non_null(strstr(no_ntptime, "<b>UTC</b>\t\t<b>Date:</b>\tNov 16 2026\n\t\t<b>Time:</b>\t13:31:"));
+    assert_non_null(
+        strstr(no_ntptime, "<b>UTC</b>\t\t<b>Date:</b>\tNov 16 2026\n\t\t<b>Time:</b>\t13:31:"));
     free(no_ntptime);
     char *last = run_log(&r, "last");
     assert_non_null(strstr(last, "\t\t<b>Time:</b>\t13:33:35\n"));

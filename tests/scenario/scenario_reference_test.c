@@ -91,11 +91,13 @@ static void test_pages(void **state)
     free(pps);
     char *none = run_log(&r, "none-page");
     assert_non_null(strstr(none, "<b>Reference time:</b>    NULL\n"));
-    assert_non_null(strstr(none, "<b>Alarm at:</b> \t<b>Date:</b>\tNov 16 2026\n\t\t<b>Time:</b>\t13:29:"));
+    assert_non_null(
+        strstr(none, "<b>Alarm at:</b> \t<b>Date:</b>\tNov 16 2026\n\t\t<b>Time:</b>\t13:29:"));
     free(none);
     char *back = run_log(&r, "back-page");
     assert_non_null(strstr(back, "<b>Reference time:</b>    GPS+GLONASS\n"));
-    assert_non_null(strstr(back, "<b>Uptime from:</b> \t<b>Date:</b>\tNov 16 2026\n\t\t<b>Time:</b>\t13:30:"));
+    assert_non_null(
+        strstr(back, "<b>Uptime from:</b> \t<b>Date:</b>\tNov 16 2026\n\t\t<b>Time:</b>\t13:30:"));
     free(back);
 }
 

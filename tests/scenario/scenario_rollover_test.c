@@ -94,7 +94,8 @@ static void test_minute(void **state)
     char *page = run_log(&r, "minute-page");
     long t = 45240;
     assert_int_equal(page_value(page, "<b>Request per Minute:</b>\t"), window(requests, t - 59, t));
-    assert_int_equal(page_value(page, "<b>Response per Minute:</b>\t"), window(responses, t - 59, t));
+    assert_int_equal(page_value(page, "<b>Response per Minute:</b>\t"),
+                     window(responses, t - 59, t));
     free(page);
 }
 
@@ -105,8 +106,10 @@ static void test_hour(void **state)
      * cover 03:59:01 .. 04:59:00. */
     char *page = run_log(&r, "hour-page");
     long t = 18000;
-    assert_int_equal(page_value(page, "<b>Request per Hour:</b>\t"), window(requests, t - 3659, t - 60));
-    assert_int_equal(page_value(page, "<b>Response per Hour:</b>\t"), window(responses, t - 3659, t - 60));
+    assert_int_equal(page_value(page, "<b>Request per Hour:</b>\t"),
+                     window(requests, t - 3659, t - 60));
+    assert_int_equal(page_value(page, "<b>Response per Hour:</b>\t"),
+                     window(responses, t - 3659, t - 60));
     free(page);
 }
 
@@ -121,7 +124,8 @@ static void test_day_month_year(void **state)
     assert_int_equal(page_value(page, "<b>Request per Day:</b>\t"), window(requests, 0, t - 60));
     assert_int_equal(page_value(page, "<b>Response per Day:</b>\t"), window(responses, 0, t - 60));
     /* The hour figure at midnight is hour 23 of the day before. */
-    assert_int_equal(page_value(page, "<b>Request per Hour:</b>\t"), window(requests, t - 3659, t - 60));
+    assert_int_equal(page_value(page, "<b>Request per Hour:</b>\t"),
+                     window(requests, t - 3659, t - 60));
     free(page);
 }
 

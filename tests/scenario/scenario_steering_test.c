@@ -100,9 +100,12 @@ static void test_status_page(void **state)
 {
     (void)state;
     char *page = run_log(&r, "page");
-    assert_int_equal(strncmp(page, "<b>UTC</b>\t\t<b>Date:</b>\tNov 16 2026\n\t\t<b>Time:</b>\t13:41:50\n", 60), 0);
+    assert_int_equal(
+        strncmp(page, "<b>UTC</b>\t\t<b>Date:</b>\tNov 16 2026\n\t\t<b>Time:</b>\t13:41:50\n", 60),
+        0);
     assert_non_null(strstr(page, "<b>Reference time:</b>    GPS+GLONASS\n"));
-    assert_non_null(strstr(page, "<b>Uptime from:</b> \t<b>Date:</b>\tNov 16 2026\n\t\t<b>Time:</b>\t13:27:00\n"));
+    assert_non_null(strstr(
+        page, "<b>Uptime from:</b> \t<b>Date:</b>\tNov 16 2026\n\t\t<b>Time:</b>\t13:27:00\n"));
     assert_non_null(strstr(page, "\n<b>Antenna:</b> Ok\n"));
     free(page);
 }

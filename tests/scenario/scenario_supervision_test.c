@@ -11,21 +11,21 @@ static const char SCENARIO[] = "start 2026-11-16T13:27:00\n"
                                "seed 3\n"
                                "rmc A\n"
                                "peer system\n"
-                               "at 20 gpio 86 0\n"       /* antenna open */
+                               "at 20 gpio 86 0\n" /* antenna open */
                                "at 30 snapshot open-page\n"
                                "at 40 gpio 86 1\n"
-                               "at 60 gpio 87 0\n"       /* antenna short */
+                               "at 60 gpio 87 0\n" /* antenna short */
                                "at 61 snapshot short-page\n"
                                "at 80 gpio 87 1\n"
-                               "at 100 gpio 176 0\n"     /* alarm input */
+                               "at 100 gpio 176 0\n" /* alarm input */
                                "at 115 snapshot alarm-page\n"
                                "at 130 gpio 176 1\n"
                                "at 145 snapshot clear-page\n"
-                               "at 150 event 1\n"        /* FPGA event flags */
+                               "at 150 event 1\n" /* FPGA event flags */
                                "at 150 event 2\n"
-                               "at 200 gpio 88 0\n"      /* factory-default button */
+                               "at 200 gpio 88 0\n" /* factory-default button */
                                "at 203 gpio 88 1\n"
-                               "at 250 gpio 79 0\n"      /* indicator test */
+                               "at 250 gpio 79 0\n" /* indicator test */
                                "at 262 gpio 79 1\n";
 
 static struct run r;
@@ -66,10 +66,12 @@ static void test_alarm(void **state)
 {
     (void)state;
     char *alarm = run_log(&r, "alarm-page");
-    assert_non_null(strstr(alarm, "<b>Alarm at:</b> \t<b>Date:</b>\tNov 16 2026\n\t\t<b>Time:</b>\t13:28:4"));
+    assert_non_null(
+        strstr(alarm, "<b>Alarm at:</b> \t<b>Date:</b>\tNov 16 2026\n\t\t<b>Time:</b>\t13:28:4"));
     free(alarm);
     char *clear = run_log(&r, "clear-page");
-    assert_non_null(strstr(clear, "<b>Uptime from:</b> \t<b>Date:</b>\tNov 16 2026\n\t\t<b>Time:</b>\t13:29:1"));
+    assert_non_null(strstr(
+        clear, "<b>Uptime from:</b> \t<b>Date:</b>\tNov 16 2026\n\t\t<b>Time:</b>\t13:29:1"));
     free(clear);
 }
 
@@ -132,10 +134,8 @@ static void test_indicator_test(void **state)
 int main(void)
 {
     const struct CMUnitTest tests[] = {
-        cmocka_unit_test(test_antenna),
-        cmocka_unit_test(test_alarm),
-        cmocka_unit_test(test_relay_events),
-        cmocka_unit_test(test_factory_default),
+        cmocka_unit_test(test_antenna),        cmocka_unit_test(test_alarm),
+        cmocka_unit_test(test_relay_events),   cmocka_unit_test(test_factory_default),
         cmocka_unit_test(test_indicator_test),
     };
     return cmocka_run_group_tests(tests, run_once, cleanup);
