@@ -109,12 +109,12 @@ static void test_runner_short_output(void **state)
     (void)state;
     char buf[100];
     vplat_on_command("tool", "one\ntwo\n");
-    assert_int_equal(run_read_lines("tool", 5, 5, buf, sizeof buf), -1);
+    assert_int_equal(run_read_lines("tool", 5, 5, buf, sizeof buf), RUN_SHORT);
     assert_string_equal(buf, "");
     assert_int_equal(run_read_lines("tool", 5, 2, buf, sizeof buf), 0);
     assert_string_equal(buf, "two\n");
     vplat_on_command("silent", "");
-    assert_int_equal(run_read_lines("silent", 1, 1, buf, sizeof buf), -1);
+    assert_int_equal(run_read_lines("silent", 1, 1, buf, sizeof buf), RUN_SHORT);
     assert_int_equal(run_has_output("silent"), 0);
     assert_int_equal(run_has_output("tool"), 1);
 }
@@ -124,7 +124,7 @@ static void test_runner_missing_tool(void **state)
     (void)state;
     char buf[100] = "stale";
     vplat_fail_command("nosuchtool");
-    assert_int_equal(run_read_lines("nosuchtool", 1, 1, buf, sizeof buf), -1);
+    assert_int_equal(run_read_lines("nosuchtool", 1, 1, buf, sizeof buf), RUN_NOT_STARTED);
     assert_string_equal(buf, "");
     assert_int_equal(run_command("nosuchtool", "w"), -1);
     assert_int_equal(run_has_output("nosuchtool"), 0);

@@ -20,7 +20,7 @@ int run_read_lines(const char *cmd, int calls, int need, char *buf, size_t bufsz
     buf[0] = '\0';
     FILE *f = plat_popen(cmd, "r");
     if (f == NULL)
-        return -1;
+        return RUN_NOT_STARTED;
     for (int i = 0; i < calls; i++) {
         /* fgets leaves the buffer alone at the end of the output, so the
          * last line read stays in it (Part 2.2). */
@@ -31,7 +31,7 @@ int run_read_lines(const char *cmd, int calls, int need, char *buf, size_t bufsz
     plat_pclose(f);
     if (got < need) {
         buf[0] = '\0';
-        return -1;
+        return RUN_SHORT;
     }
     return 0;
 }

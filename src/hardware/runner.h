@@ -10,13 +10,17 @@
 
 #include <stddef.h>
 
+/* Failures of run_read_lines: both negative, so "< 0" means no line. */
+enum { RUN_NOT_STARTED = -1, RUN_SHORT = -2 };
+
 /* Runs cmd in mode ("r" or "w") and closes it at once, output unread. 0 when it started, -1 when
  * not. */
 int run_command(const char *cmd, const char *mode);
 /* Runs cmd (mode "r"), calls fgets `calls` times into buf (size bufsz, >= 2);
  * a call that finds the end leaves buf as it was. Returns 0 when at least
- * `need` calls read a line (buf then holds the last line read), -1 when the
- * command could not be started or printed fewer lines (buf then empty). */
+ * `need` calls read a line (buf then holds the last line read); RUN_NOT_STARTED
+ * when the command could not be started, RUN_SHORT when it printed fewer
+ * lines (buf then empty in both cases). */
 int run_read_lines(const char *cmd, int calls, int need, char *buf, size_t bufsz);
 /* Runs cmd (mode "r") and reads up to 1024 bytes of its output in one fread
  * into a heap buffer (Part 5.1). 1 when it printed at least one byte, 0 when
