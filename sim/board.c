@@ -314,15 +314,10 @@ int board_command(char **w, int nw, char *error, size_t esz)
         vplat_tool_absent(w[1], strcmp(w[2], "absent") == 0);
     } else if (strcmp(w[0], "regtool") == 0 && nw == 2) {
         /* Register tool faults: every read of these registers prints garbage or too few lines. */
-        if (strcmp(w[1], "ok") == 0) {
-            b.reg_garbage = b.reg_short = 0;
-        } else if (strcmp(w[1], "garbage") == 0) {
-            b.reg_garbage = 1;
-        } else if (strcmp(w[1], "short") == 0) {
-            b.reg_short = 1;
-        } else {
+        b.reg_garbage = strcmp(w[1], "garbage") == 0;
+        b.reg_short = strcmp(w[1], "short") == 0;
+        if (!b.reg_garbage && !b.reg_short && strcmp(w[1], "ok") != 0)
             goto bad;
-        }
         vplat_regtool_fault(b.reg_garbage ? 1 : b.reg_short ? 2 : 0);
     } else if (strcmp(w[0], "file") == 0 && nw >= 2) {
         char text[512] = "";

@@ -14,6 +14,8 @@ skip() { echo "SKIPPED: real-binary sandbox test: $*"; exit $SKIP; }
 [ "$(id -u)" = 0 ] || skip "needs root for chroot and namespaces"
 BUSYBOX=$(command -v busybox || true)
 [ -n "$BUSYBOX" ] || skip "busybox is not installed (apt-get install busybox-static)"
+[ -x /bin/dash ] || skip "dash is not installed"
+command -v setpriv >/dev/null || skip "setpriv (util-linux) is not installed"
 file -L "$BUSYBOX" 2>/dev/null | grep -q "statically linked" || ldd "$BUSYBOX" 2>&1 | grep -q "not a dynamic" ||
     skip "busybox is not statically linked (apt-get install busybox-static)"
 unshare --net --mount --pid --fork true 2>/dev/null || skip "unshare --net --mount --pid is not permitted here"
@@ -22,18 +24,22 @@ ROOT=$(mktemp -d "${TMPDIR:-/tmp}/zarvent-sandbox-XXXXXX")
 cleanup() {
     [ -n "${NSPID:-}" ] && kill -9 "$NSPID" 2>/dev/null || true
     wait 2>/dev/null || true
-    rm -rf "$ROOT"
+    [ -n "${ZARVENT_KEEP_SANDBOX:-}" ] && echo "kept $ROOT" || rm -rf "$ROOT"
 }
 trap cleanup EXIT
 
 # ---- the board image ------------------------------------------------------
 mkdir -p "$ROOT"/{bin,sbin,usr/bin/Zarvent,etc/network,log,fpga,tmp,ftpdir,dev,sys/class/gpio}
 cp "$BUSYBOX" "$ROOT/bin/busybox"
-for a in sh echo rm touch mkdir mv cp tail df grep cat sleep usleep date printf kill ls wc expr true; do
+# Only harmless utilities come from busybox. The shell is dash, not busybox's
+# sh: busybox's shell runs its own applets before it looks at PATH, so
+# "adjtimex -t 10082" would reach the real clock instead of the fake below.
+for a in echo rm touch mkdir mv cp tail df grep cat sleep usleep date printf kill ls wc expr true; do
     ln -s busybox "$ROOT/bin/$a"
 done
-# The daemon's shared libraries, where the host keeps them.
-for lib in $(ldd "$ZARVENT" | grep -o '/[^ ]*'); do
+cp /bin/dash "$ROOT/bin/sh"
+# The daemon's and the shell's shared libraries, where the host keeps them.
+for lib in $( (ldd "$ZARVENT"; ldd /bin/dash) | grep -o '/[^ ]*' | sort -u); do
     mkdir -p "$ROOT$(dirname "$lib")"
     cp -L "$lib" "$ROOT$lib"
 done
@@ -118,7 +124,11 @@ cd /usr/bin/Zarvent && exec ./zarvent > /log/stdout 2> /log/stderr
 EOS
 chmod 755 "$ROOT/start.sh"
 
-unshare --net --mount --pid --fork --kill-child sh -c \
+# Defence in depth: without CAP_SYS_TIME, CAP_SYS_MODULE, CAP_SYS_BOOT and
+# CAP_SYS_RAWIO in the bounding set, nothing in the image can set the clock
+# or its rate, load modules, reboot or touch raw devices, whatever runs.
+setpriv --bounding-set -sys_time,-sys_module,-sys_boot,-sys_rawio \
+    unshare --net --mount --pid --fork --kill-child sh -c \
     "mount --make-rprivate / && touch '$ROOT/dev/null' && mount --bind /dev/null '$ROOT/dev/null' &&
      exec chroot '$ROOT' /bin/sh /start.sh" &
 NSPID=$!
