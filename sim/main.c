@@ -41,6 +41,8 @@ int main(int argc, char **argv)
             o.pace = strcmp(argv[i], "fast") == 0 ? 0 : atof(argv[i]);
         } else if (strcmp(argv[i], "--duration") == 0 && i + 1 < argc)
             o.duration_s = atoll(argv[++i]);
+        else if (strcmp(argv[i], "--show") == 0)
+            show = 1;
         else {
             usage();
             return 2;
