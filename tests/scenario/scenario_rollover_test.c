@@ -119,7 +119,8 @@ static void test_day_month_year(void **state)
     /* At 2027-01-01 00:00:00 the day figure is the 24 hour totals as they
      * stand: everything served from the start up to 23:59:00. */
     char *page = run_log(&r, "day-page");
-    assert_non_null(strstr(page, "<b>Date:</b>\tJan  1 2027\n\t\t<b>Time:</b>\t00:00:00\n"));
+    /* ntptime prints the hour space-padded, and the page copies it as printed. */
+    assert_non_null(strstr(page, "<b>Date:</b>\tJan  1 2027\n\t\t<b>Time:</b>\t 0:00:00\n"));
     long t = 86400;
     assert_int_equal(page_value(page, "<b>Request per Day:</b>\t"), window(requests, 0, t - 60));
     assert_int_equal(page_value(page, "<b>Response per Day:</b>\t"), window(responses, 0, t - 60));
