@@ -8,4 +8,7 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
-set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm -L /usr/arm-linux-gnueabihf)
+# The programs run against Debian's multiarch armhf libraries (libc6:armhf,
+# which libcmocka-dev:armhf brings): one glibc for every library. Mixing the
+# cross toolchain's libc with the multiarch libm makes threads crash.
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm)
