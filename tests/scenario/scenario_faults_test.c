@@ -7,36 +7,20 @@
 
 #include "scenario_support.h"
 
-static const char SCENARIO[] = "start 2026-11-16T13:27:00\n"
-                               "duration 400\n"
-                               "rmc A\n"
-                               "peer system\n"
-                               "at 70 regtool garbage\n"
-                               "at 90 regtool short\n"
-                               "at 110 regtool ok\n"
-                               "at 150 tool ntpq absent\n"
-                               "at 170 snapshot no-ntpq\n"
-                               "at 200 tool ntpq present\n"
-                               "at 250 tool ntptime absent\n"
-                               "at 260 snapshot no-ntptime\n"
-                               "at 300 tool ntptime present\n"
-                               "at 395 snapshot last\n";
-
-static struct run r;
-
-static int run_once(void **state)
-{
-    (void)state;
-    run_scenario(&r, SCENARIO);
-    return 0;
-}
-
-static int cleanup(void **state)
-{
-    (void)state;
-    run_cleanup(&r);
-    return 0;
-}
+const char SCENARIO[] = "start 2026-11-16T13:27:00\n"
+                        "duration 400\n"
+                        "rmc A\n"
+                        "peer system\n"
+                        "at 70 regtool garbage\n"
+                        "at 90 regtool short\n"
+                        "at 110 regtool ok\n"
+                        "at 150 tool ntpq absent\n"
+                        "at 170 snapshot no-ntpq\n"
+                        "at 200 tool ntpq present\n"
+                        "at 250 tool ntptime absent\n"
+                        "at 260 snapshot no-ntptime\n"
+                        "at 300 tool ntptime present\n"
+                        "at 395 snapshot last\n";
 
 static void test_short_output_writes_nothing_derived(void **state)
 {
@@ -91,5 +75,5 @@ int main(void)
         cmocka_unit_test(test_short_output_writes_nothing_derived),
         cmocka_unit_test(test_keeps_running_and_recovers),
     };
-    return cmocka_run_group_tests(tests, run_once, cleanup);
+    return cmocka_run_group_tests(tests, scenario_group_setup, scenario_group_teardown);
 }

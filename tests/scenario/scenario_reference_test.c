@@ -6,36 +6,20 @@
 
 #include "scenario_support.h"
 
-static const char SCENARIO[] = "start 2026-11-16T13:27:00\n"
-                               "duration 400\n"
-                               "seed 11\n"
-                               "osc gain 0.1 natural 33000 noise 2 offset 500\n"
-                               "rmc A\n"
-                               "peer system\n"
-                               "at 100 peer pps\n"
-                               "at 115 snapshot pps-page\n"
-                               "at 130 rmc V\n"
-                               "at 140 rmc A\n"
-                               "at 160 peer none\n"
-                               "at 175 snapshot none-page\n"
-                               "at 220 peer system\n"
-                               "at 240 snapshot back-page\n";
-
-static struct run r;
-
-static int run_once(void **state)
-{
-    (void)state;
-    run_scenario(&r, SCENARIO);
-    return 0;
-}
-
-static int cleanup(void **state)
-{
-    (void)state;
-    run_cleanup(&r);
-    return 0;
-}
+const char SCENARIO[] = "start 2026-11-16T13:27:00\n"
+                        "duration 400\n"
+                        "seed 11\n"
+                        "osc gain 0.1 natural 33000 noise 2 offset 500\n"
+                        "rmc A\n"
+                        "peer system\n"
+                        "at 100 peer pps\n"
+                        "at 115 snapshot pps-page\n"
+                        "at 130 rmc V\n"
+                        "at 140 rmc A\n"
+                        "at 160 peer none\n"
+                        "at 175 snapshot none-page\n"
+                        "at 220 peer system\n"
+                        "at 240 snapshot back-page\n";
 
 static void test_errorlog(void **state)
 {
@@ -121,5 +105,5 @@ int main(void)
         cmocka_unit_test(test_pages),
         cmocka_unit_test(test_indicator_levels),
     };
-    return cmocka_run_group_tests(tests, run_once, cleanup);
+    return cmocka_run_group_tests(tests, scenario_group_setup, scenario_group_teardown);
 }

@@ -10,26 +10,24 @@
 
 #define START 1798675200LL /* 2026-12-31T00:00:00 UTC */
 
-static const char SCENARIO[] = "start 2026-12-31T00:00:00\n"
-                               "duration 87000\n"
-                               "seed 5\n"
-                               "cost 2000\n"
-                               "load 40 25\n"
-                               "rmc A\n"
-                               "peer system\n"
-                               "at 45240 snapshot minute-page\n" /* 12:34:00 */
-                               "at 18000 snapshot hour-page\n"   /* 05:00:00 */
-                               "at 86400 snapshot day-page\n"    /* 2027-01-01 00:00:00 */
-                               "at 87000 snapshot wrap-page\n";  /* 2027-01-01 00:10:00 */
+const char SCENARIO[] = "start 2026-12-31T00:00:00\n"
+                        "duration 87000\n"
+                        "seed 5\n"
+                        "cost 2000\n"
+                        "load 40 25\n"
+                        "rmc A\n"
+                        "peer system\n"
+                        "at 45240 snapshot minute-page\n" /* 12:34:00 */
+                        "at 18000 snapshot hour-page\n"   /* 05:00:00 */
+                        "at 86400 snapshot day-page\n"    /* 2027-01-01 00:00:00 */
+                        "at 87000 snapshot wrap-page\n";  /* 2027-01-01 00:10:00 */
 
-static struct run r;
 static long *requests, *responses; /* value served at START + i, -1 when none */
 static long nseconds = 87001;
 
 static int run_once(void **state)
 {
-    (void)state;
-    run_scenario(&r, SCENARIO);
+    scenario_group_setup(state);
     requests = malloc(sizeof(long) * (size_t)nseconds);
     responses = malloc(sizeof(long) * (size_t)nseconds);
     for (long i = 0; i < nseconds; i++)
@@ -52,11 +50,9 @@ static int run_once(void **state)
 
 static int cleanup(void **state)
 {
-    (void)state;
     free(requests);
     free(responses);
-    run_cleanup(&r);
-    return 0;
+    return scenario_group_teardown(state);
 }
 
 /* Sum of the values served in [from, to] (seconds after START). */

@@ -5,17 +5,15 @@
 
 #include "scenario_support.h"
 
-static const char SCENARIO[] = "start 2026-11-16T13:27:00\n"
-                               "duration 61\n"
-                               "rmc A\n"
-                               "file /usr/bin/Zarvent/enable.cfg 1\n"
-                               "at 41 file /usr/bin/Zarvent/enable.cfg 0\n";
+const char SCENARIO[] = "start 2026-11-16T13:27:00\n"
+                        "duration 61\n"
+                        "rmc A\n"
+                        "file /usr/bin/Zarvent/enable.cfg 1\n"
+                        "at 41 file /usr/bin/Zarvent/enable.cfg 0\n";
 
 static void test_stat_file_every_second_cycle(void **state)
 {
     (void)state;
-    struct run r;
-    run_scenario(&r, SCENARIO);
     char *cmds = run_log(&r, "commands.log");
     /* Register 48 and register 1 on every cycle with the flag on (41 cycles),
      * the exchange and the lock removal on every second one (20). */
@@ -28,7 +26,6 @@ static void test_stat_file_every_second_cycle(void **state)
     assert_int_equal(strncmp(stat, " time2*\t     t1\n", 16), 0);
     free(stat);
     assert_false(run_board_exists(&r, "/ftpdir/lock"));
-    run_cleanup(&r);
 }
 
 int main(void)
@@ -36,5 +33,5 @@ int main(void)
     const struct CMUnitTest tests[] = {
         cmocka_unit_test(test_stat_file_every_second_cycle),
     };
-    return cmocka_run_group_tests(tests, NULL, NULL);
+    return cmocka_run_group_tests(tests, scenario_group_setup, scenario_group_teardown);
 }

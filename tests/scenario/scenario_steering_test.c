@@ -7,29 +7,13 @@
 
 #include "scenario_support.h"
 
-static const char SCENARIO[] = "start 2026-11-16T13:27:00\n"
-                               "duration 900\n"
-                               "seed 7\n"
-                               "osc gain 0.1 natural 33000 noise 2 offset 2500\n"
-                               "rmc A\n"
-                               "peer system\n"
-                               "at 890 snapshot page\n";
-
-static struct run r;
-
-static int run_once(void **state)
-{
-    (void)state;
-    run_scenario(&r, SCENARIO);
-    return 0;
-}
-
-static int cleanup(void **state)
-{
-    (void)state;
-    run_cleanup(&r);
-    return 0;
-}
+const char SCENARIO[] = "start 2026-11-16T13:27:00\n"
+                        "duration 900\n"
+                        "seed 7\n"
+                        "osc gain 0.1 natural 33000 noise 2 offset 2500\n"
+                        "rmc A\n"
+                        "peer system\n"
+                        "at 890 snapshot page\n";
 
 static void test_handover_every_second_after_sync(void **state)
 {
@@ -118,5 +102,5 @@ int main(void)
         cmocka_unit_test(test_chart_files),
         cmocka_unit_test(test_status_page),
     };
-    return cmocka_run_group_tests(tests, run_once, cleanup);
+    return cmocka_run_group_tests(tests, scenario_group_setup, scenario_group_teardown);
 }

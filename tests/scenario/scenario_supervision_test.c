@@ -6,43 +6,27 @@
 
 #include "scenario_support.h"
 
-static const char SCENARIO[] = "start 2026-11-16T13:27:00\n"
-                               "duration 330\n"
-                               "seed 3\n"
-                               "rmc A\n"
-                               "peer system\n"
-                               "at 20 gpio 86 0\n" /* antenna open */
-                               "at 30 snapshot open-page\n"
-                               "at 40 gpio 86 1\n"
-                               "at 60 gpio 87 0\n" /* antenna short */
-                               "at 61 snapshot short-page\n"
-                               "at 80 gpio 87 1\n"
-                               "at 100 gpio 176 0\n" /* alarm input */
-                               "at 115 snapshot alarm-page\n"
-                               "at 130 gpio 176 1\n"
-                               "at 145 snapshot clear-page\n"
-                               "at 150 event 1\n" /* FPGA event flags */
-                               "at 150 event 2\n"
-                               "at 200 gpio 88 0\n" /* factory-default button */
-                               "at 203 gpio 88 1\n"
-                               "at 250 gpio 79 0\n" /* indicator test */
-                               "at 262 gpio 79 1\n";
-
-static struct run r;
-
-static int run_once(void **state)
-{
-    (void)state;
-    run_scenario(&r, SCENARIO);
-    return 0;
-}
-
-static int cleanup(void **state)
-{
-    (void)state;
-    run_cleanup(&r);
-    return 0;
-}
+const char SCENARIO[] = "start 2026-11-16T13:27:00\n"
+                        "duration 330\n"
+                        "seed 3\n"
+                        "rmc A\n"
+                        "peer system\n"
+                        "at 20 gpio 86 0\n" /* antenna open */
+                        "at 30 snapshot open-page\n"
+                        "at 40 gpio 86 1\n"
+                        "at 60 gpio 87 0\n" /* antenna short */
+                        "at 61 snapshot short-page\n"
+                        "at 80 gpio 87 1\n"
+                        "at 100 gpio 176 0\n" /* alarm input */
+                        "at 115 snapshot alarm-page\n"
+                        "at 130 gpio 176 1\n"
+                        "at 145 snapshot clear-page\n"
+                        "at 150 event 1\n" /* FPGA event flags */
+                        "at 150 event 2\n"
+                        "at 200 gpio 88 0\n" /* factory-default button */
+                        "at 203 gpio 88 1\n"
+                        "at 250 gpio 79 0\n" /* indicator test */
+                        "at 262 gpio 79 1\n";
 
 static void test_antenna(void **state)
 {
@@ -138,5 +122,5 @@ int main(void)
         cmocka_unit_test(test_relay_events),   cmocka_unit_test(test_factory_default),
         cmocka_unit_test(test_indicator_test),
     };
-    return cmocka_run_group_tests(tests, run_once, cleanup);
+    return cmocka_run_group_tests(tests, scenario_group_setup, scenario_group_teardown);
 }

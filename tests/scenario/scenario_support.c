@@ -11,11 +11,27 @@
 
 #include "simrun.h"
 
-void run_scenario(struct run *r, const char *scenario)
+struct run r;
+
+int scenario_group_setup(void **state)
+{
+    (void)state;
+    run_scenario(&r, SCENARIO);
+    return 0;
+}
+
+int scenario_group_teardown(void **state)
+{
+    (void)state;
+    run_cleanup(&r);
+    return 0;
+}
+
+void run_scenario(struct run *run, const char *scenario)
 {
     const char *tmp = getenv("TMPDIR");
-    snprintf(r->dir, sizeof r->dir, "%s/zarvent-scenario-XXXXXX", tmp && *tmp ? tmp : "/tmp");
-    assert_non_null(mkdtemp(r->dir));
+    snprintf(run->dir, sizeof run->dir, "%s/zarvent-scenario-XXXXXX", tmp && *tmp ? tmp : "/tmp");
+    assert_non_null(mkdtemp(run->dir));
     fflush(stdout);
     fflush(stderr);
     pid_t pid = fork();
@@ -23,7 +39,7 @@ void run_scenario(struct run *r, const char *scenario)
     if (pid == 0) {
         struct sim_options o = {0};
         o.scenario_text = scenario;
-        o.out_dir = r->dir;
+        o.out_dir = run->dir;
         int rc = sim_run(&o);
         fflush(stdout);
         fflush(stderr);
@@ -57,28 +73,28 @@ static char *slurp(const char *path)
     return s;
 }
 
-char *run_log(struct run *r, const char *name)
+char *run_log(struct run *run, const char *name)
 {
     char p[512];
-    snprintf(p, sizeof p, "%s/logs/%s", r->dir, name);
+    snprintf(p, sizeof p, "%s/logs/%s", run->dir, name);
     char *s = slurp(p);
     if (s == NULL)
         fail_msg("log %s missing", name);
     return s;
 }
 
-char *run_board_file(struct run *r, const char *board_path)
+char *run_board_file(struct run *run, const char *board_path)
 {
     char p[1024];
-    snprintf(p, sizeof p, "%s/board%s", r->dir, board_path);
+    snprintf(p, sizeof p, "%s/board%s", run->dir, board_path);
     return slurp(p);
 }
 
-int run_board_exists(struct run *r, const char *board_path)
+int run_board_exists(struct run *run, const char *board_path)
 {
     char p[1024];
     struct stat st;
-    snprintf(p, sizeof p, "%s/board%s", r->dir, board_path);
+    snprintf(p, sizeof p, "%s/board%s", run->dir, board_path);
     return stat(p, &st) == 0;
 }
 
@@ -101,9 +117,9 @@ int count_lines(const char *text, const char *needle)
     return c;
 }
 
-long run_summary(struct run *r, const char *key)
+long run_summary(struct run *run, const char *key)
 {
-    char *s = run_log(r, "summary.log");
+    char *s = run_log(run, "summary.log");
     char pattern[128];
     snprintf(pattern, sizeof pattern, "%s ", key);
     char *at = strstr(s, pattern);
@@ -124,8 +140,8 @@ static int rm_entry(const char *path, const struct stat *sb, int flag, struct FT
     return 0;
 }
 
-void run_cleanup(struct run *r)
+void run_cleanup(struct run *run)
 {
-    if (r->dir[0] && getenv("ZARVENT_KEEP_SCENARIOS") == NULL)
-        nftw(r->dir, rm_entry, 16, FTW_DEPTH | FTW_PHYS);
+    if (run->dir[0] && getenv("ZARVENT_KEEP_SCENARIOS") == NULL)
+        nftw(run->dir, rm_entry, 16, FTW_DEPTH | FTW_PHYS);
 }
