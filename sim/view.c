@@ -8,6 +8,7 @@
 #include <time.h>
 
 #include "board.h"
+#include "daemon/shared.h"
 #include "vplat.h"
 
 enum { PLOT_POINTS = 72, PLOT_ROWS = 11 };
@@ -68,10 +69,10 @@ static int chart_points(long *values, int max)
     }
     for (int i = 0; i < count; i++)
         free(names[i]);
-    int n = got < max ? got : max;
-    for (int i = 0; i < n; i++)
-        values[i] = ring[(got - n + i) % PLOT_POINTS];
-    return n;
+    int shown = got < max ? got : max;
+    for (int i = 0; i < shown; i++)
+        values[i] = ring[(got - shown + i) % PLOT_POINTS];
+    return shown;
 }
 
 static void print_plot(void)
@@ -127,6 +128,17 @@ void view_second(int64_t t_s, void *ctx)
     print_page();
     printf("\n-- offset chart (chart files %s/board/ramcache/zarvent/ptp_data_*)\n", v->out_dir);
     print_plot();
+    char reference[18];
+    command_out_text(CO_REF_NAME, reference, sizeof reference);
+    unsigned antenna = command_out_byte(CO_ANTENNA);
+    printf("\n-- states\n");
+    printf("  reference %s   alarm %s   antenna %s   steering %s\n",
+           reference[0] ? reference : "(not yet asked)", atomic_load(&Alarm) ? "ON" : "off",
+           antenna == 7   ? "Ok"
+           : antenna == 6 ? "Off"
+           : antenna == 5 ? "Short"
+                          : "held off / unknown",
+           Sync_En ? "on" : "off (waiting for 60 valid cycles)");
     printf("\n-- LEDs and lines\n");
     printf("  reference 72/73: %s %s   alarm 76/77: %s %s   antenna 74/75: %s %s   "
            "client 70/71: %s %s   factory 78: %s   antenna feed 85: %s\n",
