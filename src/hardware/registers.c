@@ -26,10 +26,12 @@ long reg_parse_word(const char *line)
 {
     const char *lo = data_start(line, REG_DATA_COLUMN);
     const char *hi = data_start(line, REG_DATA_COLUMN + 2);
-    long value = lo ? strtol(lo, NULL, 16) : 0;
+    /* Unsigned arithmetic: a tool printing a long hex string (garbage) must
+     * not make the sum overflow; valid bytes give the same result. */
+    unsigned long value = lo ? (unsigned long)strtol(lo, NULL, 16) : 0;
     if (hi)
-        value += 256 * strtol(hi, NULL, 16);
-    return value;
+        value += 256UL * (unsigned long)strtol(hi, NULL, 16);
+    return (long)value;
 }
 
 uint32_t reg_parse_bytes4(const char *line)

@@ -26,6 +26,8 @@ enum {
     TABLE_LINES = 32,
 };
 
+/* Called right after the failing open or ioctl, so errno is still that
+ * call's reason when perror prints it (Part 4.1 Failure handling). */
 void pabort(const char *message)
 {
     perror(message);
@@ -99,10 +101,12 @@ void Stat_capture(void)
 
     create_lock();
 
-    /* Part 4.1 "Left to the implementer": when a frame cannot be allocated
-     * or the stat file cannot be opened, the exchange is skipped and the
-     * lock removed. The stat file is therefore opened before the device;
-     * scount restarts at 0 as after an exchange, keeping the phase. */
+    /* Part 4.1 "Left to the implementer", our choice: when a frame cannot
+     * be allocated or the stat file cannot be opened, the exchange is
+     * skipped and the lock removed. The stat file is therefore opened before
+     * the device (should pabort then end the process, the lock stays over
+     * the emptied file, as Failure handling says); scount restarts at 0 as
+     * after an exchange, keeping the every-second-cycle phase. */
     uint8_t *tx = plat_malloc(FRAME_LEN);
     uint8_t *rx = plat_malloc(FRAME_LEN);
     FILE *out = tx && rx ? plat_fopen(STAT_FILE, "w") : NULL;

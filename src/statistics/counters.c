@@ -37,8 +37,10 @@ static int statistics_flag(void)
 }
 
 /* A counter reading: L + 256 H from the fifth line; 65535 is no reading and
- * counts as 0. A read that fails (the tool cannot start or prints fewer than
- * five lines) gives no reading either and counts as 0 as well. */
+ * counts as 0 (Part 4.2 Failure handling). Our choice for a read that fails
+ * (the tool cannot start or prints fewer than five lines), which Part 4.2
+ * does not name: it is no reading either and counts as 0, so the slots, the
+ * average and the sums never take a value that did not come from the FPGA. */
 static uint64_t counter_reading(const char *cmd)
 {
     long value;
@@ -94,6 +96,9 @@ static void aggregate(const struct counter_fields *c, uint64_t reading, const st
     }
 }
 
+/* Part 4.2 "Left to the implementer", our choice: the register-7 date and
+ * time command that the step composes at second 0 but never runs is not
+ * composed; nothing depends on it. */
 void Stat_read(void)
 {
     int flag = statistics_flag();
