@@ -168,9 +168,19 @@ static void test_runner_binary_junk(void **state)
     static const char junk[] = "\x01\x02\xff\xfe\n\x80\x81\n\n\n\xff\xff"
                                "AA\xfe\n";
     vplat_on_command("junk", junk);
+    /* Five lines, but no number at column 6 of the fifth: no value, so a
+     * read-modify-write skips its write. */
     long v = -1;
-    assert_int_equal(reg_read_byte("junk", 5, &v), 0);
-    assert_int_equal(v, 0);
+    assert_int_equal(reg_read_byte("junk", 5, &v), -1);
+    assert_int_equal(v, -1);
+    vplat_on_command(REG2_READ_CMD, "1\n2\n3\n4\nAA AA ZZ\n");
+    assert_int_equal(Read_Control(), -1);
+    assert_int_equal(reg2_modify(1, 0, "r"), -1);
+    assert_int_equal(vplat_cmd_occurrences("./spiWrite -m 1 -l 3 -d 1 2 1 0"), 0);
+    /* A number after blanks is a number, as strtol reads it. */
+    vplat_on_command("spaced", "1\n2\n3\n4\nAA AA  7\n");
+    assert_int_equal(reg_read_byte("spaced", 5, &v), 0);
+    assert_int_equal(v, 7);
 }
 
 int main(void)

@@ -54,10 +54,24 @@ int reg_read_line(const char *cmd, int calls, char *line)
     return run_read_lines(cmd, calls, 5, line, REG_LINE);
 }
 
+/* 1 when a hexadecimal number begins at column 6 (after blanks, as strtol
+ * reads it). A fifth line without one parses as 0 (Part 2.2), but that 0 did
+ * not come from the register: the read counts as failed, so that no caller
+ * writes it back (GUIDE section 2); value readers take 0 all the same. */
+static int has_number(const char *line)
+{
+    const char *p = data_start(line, REG_DATA_COLUMN);
+    if (p == NULL)
+        return 0;
+    char *end;
+    (void)strtol(p, &end, 16);
+    return end != p;
+}
+
 int reg_read_byte(const char *cmd, int calls, long *value)
 {
     char line[REG_LINE];
-    if (reg_read_line(cmd, calls, line) != 0)
+    if (reg_read_line(cmd, calls, line) != 0 || !has_number(line))
         return -1;
     *value = reg_parse_byte(line);
     return 0;
@@ -66,7 +80,7 @@ int reg_read_byte(const char *cmd, int calls, long *value)
 int reg_read_word(const char *cmd, long *value)
 {
     char line[REG_LINE];
-    if (reg_read_line(cmd, 5, line) != 0)
+    if (reg_read_line(cmd, 5, line) != 0 || !has_number(line))
         return -1;
     *value = reg_parse_word(line);
     return 0;

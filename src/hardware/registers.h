@@ -2,9 +2,11 @@
  *
  * Values come from the fifth output line, from column 6, base 16, least
  * significant byte first. Left to the implementer (Part 2.2), our choice: a
- * read that fails (the tool cannot start or prints fewer than five lines)
- * reports the failure, and no caller writes back a value that did not come
- * from the register: the write is skipped. */
+ * read that fails (the tool cannot start, prints fewer than five lines, or
+ * its fifth line holds no hexadecimal number at column 6) reports the
+ * failure, and no caller writes back a value that did not come from the
+ * register: the write is skipped. Readers of values take 0, as the spec's
+ * parse would. */
 #ifndef ZARVENT_REGISTERS_H
 #define ZARVENT_REGISTERS_H
 

@@ -12,9 +12,12 @@ enum { NTPTIME_LINE = 100, STAMP_COLUMN = 7, TIME_COLUMN = 31, LINE_NEEDED = 55 
 
 /* Captures the event time from ntptime's second line into Command_Out 117
  * (24 characters and the zero at 141) and 143 (18 characters), as Part 3.4's
- * ControlTime does. When ntptime cannot start, prints fewer than two lines or
- * a second line shorter than 55 characters, the slots stay as they are:
- * nothing is read beyond what it printed. */
+ * ControlTime does. Part 5.2 failure handling leaves a failing ntptime open
+ * ("copies whatever the buffer holds"); safe choice (GUIDE section 2, as in
+ * Part 3.4 "Left to the implementer"): when ntptime cannot start, prints
+ * fewer than two lines or a second line shorter than 55 characters, both
+ * slots stay as they are, nothing is read beyond what it printed, and the
+ * state still changes. */
 static void capture_event_time(void)
 {
     char line[NTPTIME_LINE];

@@ -15,7 +15,8 @@ int ControlAntenna(void)
     int l86 = PinGetInput("86");
     int l87 = PinGetInput("87");
     int l85 = PinGetInput("85");
-    command_out_set_byte(CO_ANTENNA, (unsigned char)(((l85 & 1) << 2) | ((l87 & 1) << 1) | (l86 & 1)));
+    command_out_set_byte(CO_ANTENNA,
+                         (unsigned char)(((l85 & 1) << 2) | ((l87 & 1) << 1) | (l86 & 1)));
 
     l86 = PinGetInput("86");
     l87 = PinGetInput("87");
