@@ -7,7 +7,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 scenario=${1:-sim/scenarios/normal.scn}
 seconds=${2:-3600}
-cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release >/dev/null
+cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DZARVENT_TESTS=OFF >/dev/null
 cmake --build build-bench -j "$(nproc)" --target zarvent-sim >/dev/null
 out=$(mktemp -d)
 trap 'rm -rf "$out"' EXIT

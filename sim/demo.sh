@@ -37,7 +37,7 @@ if ! command -v cmake >/dev/null || ! command -v gcc >/dev/null; then
         exit 1
     fi
 fi
-cmake -S . -B build-demo -DCMAKE_BUILD_TYPE=Release -DZARVENT_TESTS=ON >/dev/null
+cmake -S . -B build-demo -DCMAKE_BUILD_TYPE=Release -DZARVENT_TESTS=OFF >/dev/null
 cmake --build build-demo -j "$(nproc)" --target zarvent-sim >/dev/null
 
 rm -rf "$out"
