@@ -1,6 +1,5 @@
 /* Leap-second offset file (Part 5.5): Parse_File. */
 #include <errno.h>
-#include <linux/capability.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -208,27 +207,6 @@ static void test_missing_list(void **state)
     assert_int_equal(Parse_File(), -1);
     assert_int_equal(vplat_cmd_count(), 0);
     assert_false(vplat_exists(TEMP));
-}
-
-/* Root passes every permission check through CAP_DAC_OVERRIDE; the
- * capability is taken out of the effective set while the directory is made
- * read-only, and put back afterwards. */
-static struct __user_cap_data_struct saved_caps[2];
-
-static int drop_dac_override(void)
-{
-    struct __user_cap_header_struct hdr = {_LINUX_CAPABILITY_VERSION_3, 0};
-    if (syscall(SYS_capget, &hdr, saved_caps) != 0)
-        return -1;
-    struct __user_cap_data_struct caps[2] = {saved_caps[0], saved_caps[1]};
-    caps[0].effective &= ~((1u << CAP_DAC_OVERRIDE) | (1u << CAP_DAC_READ_SEARCH));
-    return (int)syscall(SYS_capset, &hdr, caps);
-}
-
-static void restore_caps(void)
-{
-    struct __user_cap_header_struct hdr = {_LINUX_CAPABILITY_VERSION_3, 0};
-    (void)syscall(SYS_capset, &hdr, saved_caps);
 }
 
 /* 1 when a file can be created in the board's working directory. */

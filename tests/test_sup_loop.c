@@ -1,6 +1,5 @@
 /* Supervision loop and reference indication (Part 5.1): init_gpio_input,
  * ThreadSrvLED, one pass (led_pass), ControlRefclock, ControlRefPPS. */
-#include <linux/capability.h>
 #include <setjmp.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -441,28 +440,6 @@ static void test_query_no_heap(void **state)
     vplat_fail_alloc(1);
     assert_int_equal(ControlRefclock(), 0);
     assert_int_equal(ControlRefclock(), 1);
-}
-
-/* ---- the errorlog ---- */
-
-static struct __user_cap_data_struct saved_caps[2];
-
-/* Root passes permission checks through CAP_DAC_OVERRIDE; it is taken out
- * of the effective set for the read-only case and put back afterwards. */
-static int drop_dac_override(void)
-{
-    struct __user_cap_header_struct hdr = {_LINUX_CAPABILITY_VERSION_3, 0};
-    if (syscall(SYS_capget, &hdr, saved_caps) != 0)
-        return -1;
-    struct __user_cap_data_struct caps[2] = {saved_caps[0], saved_caps[1]};
-    caps[0].effective &= ~((1u << CAP_DAC_OVERRIDE) | (1u << CAP_DAC_READ_SEARCH));
-    return (int)syscall(SYS_capset, &hdr, caps);
-}
-
-static void restore_caps(void)
-{
-    struct __user_cap_header_struct hdr = {_LINUX_CAPABILITY_VERSION_3, 0};
-    (void)syscall(SYS_capset, &hdr, saved_caps);
 }
 
 static void test_errorlog_read_only(void **state)

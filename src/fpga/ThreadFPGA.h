@@ -2,7 +2,7 @@
 #ifndef ZARVENT_THREADFPGA_H
 #define ZARVENT_THREADFPGA_H
 
-/* Thread entry: InitFPGA, then SrvFPGA and sleep(2) forever. */
+/* Thread entry: InitFPGA, then SrvFPGA and a two-second sleep, forever. */
 void *ThreadSrvFPGA(void *arg);
 /* Exports lines 182 and 13 and makes them inputs. */
 int InitFPGA(void);

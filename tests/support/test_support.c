@@ -2,6 +2,8 @@
 #include "test_support.h"
 
 #include <fcntl.h>
+#include <linux/capability.h>
+#include <sys/syscall.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -90,4 +92,22 @@ time_t utc_time(int year, int month, int day, int hour, int minute, int second)
     t.tm_min = minute;
     t.tm_sec = second;
     return timegm(&t);
+}
+
+static struct __user_cap_data_struct saved_caps[2];
+
+int drop_dac_override(void)
+{
+    struct __user_cap_header_struct hdr = {_LINUX_CAPABILITY_VERSION_3, 0};
+    if (syscall(SYS_capget, &hdr, saved_caps) != 0)
+        return -1;
+    struct __user_cap_data_struct caps[2] = {saved_caps[0], saved_caps[1]};
+    caps[0].effective &= ~((1u << CAP_DAC_OVERRIDE) | (1u << CAP_DAC_READ_SEARCH));
+    return (int)syscall(SYS_capset, &hdr, caps);
+}
+
+void restore_caps(void)
+{
+    struct __user_cap_header_struct hdr = {_LINUX_CAPABILITY_VERSION_3, 0};
+    (void)syscall(SYS_capset, &hdr, saved_caps);
 }

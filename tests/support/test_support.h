@@ -31,6 +31,11 @@ void assert_file(const char *board_path, const char *expected);
 
 /* Runs fn with standard error redirected; returns what it printed (malloc'd). */
 char *capture_stderr(void (*fn)(void *), void *arg);
+/* Takes CAP_DAC_OVERRIDE and CAP_DAC_READ_SEARCH out of the effective set, so
+ * that a read-only directory refuses even root (tests run as root in CI);
+ * 0 on success. restore_caps puts them back. */
+int drop_dac_override(void);
+void restore_caps(void);
 /* Local Unix time of a UTC date (the board model keeps local = UTC). */
 time_t utc_time(int year, int month, int day, int hour, int minute, int second);
 
