@@ -19,7 +19,7 @@ int SPIWriteInt(unsigned command, unsigned value)
     unsigned word = (command << 20) | (value << 4);
     for (int i = 0; i < 24; i++) {
         PinSetOutput("96", 1);
-        PinSetOutput("118", (word >> 23) & 1u);
+        PinSetOutput("118", (int)((word >> 23) & 1u));
         PinSetOutput("96", 0);
         word <<= 1;
     }
