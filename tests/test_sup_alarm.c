@@ -26,12 +26,7 @@ static const char START_STAMP[] = "eea5834c.80000000 ";
 static int setup(void **state)
 {
     board_setup(state); /* line 176: input at 1; line 85: output at 1 */
-    for (int line = 70; line <= 78; line++)
-        vplat_gpio_provide(line, 1, 0);
-    vplat_gpio_provide(79, 0, 1);
-    vplat_gpio_provide(86, 0, 1);
-    vplat_gpio_provide(87, 0, 1);
-    vplat_gpio_provide(88, 0, 1);
+    supervision_lines();
     vplat_reg_set(2, 0x1E);
     memset(Command_Out, 0, sizeof Command_Out);
     command_out_put(CO_EVENT, START_TIME, sizeof START_TIME);

@@ -42,12 +42,7 @@ static void reset_globals(void)
 static int setup(void **state)
 {
     board_setup(state);
-    for (int line = 70; line <= 78; line++)
-        vplat_gpio_provide(line, 1, 0);
-    vplat_gpio_provide(79, 0, 1);
-    vplat_gpio_provide(86, 0, 1);
-    vplat_gpio_provide(87, 0, 1);
-    vplat_gpio_provide(88, 0, 1);
+    supervision_lines();
     vplat_reg_set(2, 0x1E);
     reset_globals();
     timeinfo_refresh(utc_time(2026, 3, 7, 9, 5, 12));

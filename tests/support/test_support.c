@@ -29,6 +29,16 @@ int board_teardown(void **state)
     return 0;
 }
 
+void supervision_lines(void)
+{
+    for (int line = 70; line <= 78; line++)
+        vplat_gpio_provide(line, 1, 0);
+    vplat_gpio_provide(79, 0, 1);
+    vplat_gpio_provide(86, 0, 1);
+    vplat_gpio_provide(87, 0, 1);
+    vplat_gpio_provide(88, 0, 1);
+}
+
 const char *spi_output(const char *fifth)
 {
     static char buf[512];

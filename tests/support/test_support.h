@@ -20,6 +20,11 @@ int board_setup(void **state);
 /* cmocka tear-down: removes the board. */
 int board_teardown(void **state);
 
+/* The lines as the supervision set-up leaves them: indicators 70 to 78
+ * outputs at 0; the test input 79, antenna inputs 86 and 87 and the button
+ * 88 inputs at 1 (released, no fault). */
+void supervision_lines(void);
+
 /* Five-line spiWrite output whose fifth line is fifth (give it with its newline). */
 const char *spi_output(const char *fifth);
 
