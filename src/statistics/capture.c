@@ -83,6 +83,15 @@ static void write_counter_low_byte(FILE *out, const char *cmd)
     fprintf(out, "%d\n", (int)value);
 }
 
+/* The exchange is skipped: frames freed, phase restarted, lock removed. */
+static void skip_exchange(uint8_t *tx, uint8_t *rx)
+{
+    plat_free(tx);
+    plat_free(rx);
+    scount = 0;
+    run_command("rm " LOCK_FILE, "r");
+}
+
 void Stat_capture(void)
 {
     /* Steps 1 and 2, on every call. A read of register 48 that failed is
@@ -103,18 +112,12 @@ void Stat_capture(void)
 
     /* Part 4.1 "Left to the implementer", our choice: when a frame cannot
      * be allocated or the stat file cannot be opened, the exchange is
-     * skipped and the lock removed. The stat file is therefore opened before
-     * the device (should pabort then end the process, the lock stays over
-     * the emptied file, as Failure handling says); scount restarts at 0 as
-     * after an exchange, keeping the every-second-cycle phase. */
+     * skipped and the lock removed; scount restarts at 0 as after an
+     * exchange, keeping the every-second-cycle phase. */
     uint8_t *tx = plat_malloc(FRAME_LEN);
     uint8_t *rx = plat_malloc(FRAME_LEN);
-    FILE *out = tx && rx ? plat_fopen(STAT_FILE, "w") : NULL;
-    if (out == NULL) {
-        plat_free(tx);
-        plat_free(rx);
-        scount = 0;
-        run_command("rm " LOCK_FILE, "r");
+    if (tx == NULL || rx == NULL) {
+        skip_exchange(tx, rx);
         return;
     }
     dataLen = FRAME_LEN;
@@ -131,6 +134,19 @@ void Stat_capture(void)
         pabort("can't set bits per word");
     if (plat_ioctl(fd, SPI_IOC_RD_BITS_PER_WORD, &bits) == -1)
         pabort("can't get bits per word");
+
+    /* Step 9 opens the stat file after the exchange; it is opened here,
+     * before the exchange (step 8), so that a file that cannot be opened
+     * skips the exchange (choice above). It is opened after the device's
+     * set-up (step 6), so that an end through pabort there leaves the
+     * previous stat file as it was; only a failing exchange ends the
+     * daemon with the file already emptied. */
+    FILE *out = plat_fopen(STAT_FILE, "w");
+    if (out == NULL) {
+        plat_close(fd);
+        skip_exchange(tx, rx);
+        return;
+    }
 
     memset(tx, 0, dataLen);
     tx[0] = 0x00;
