@@ -25,32 +25,6 @@ enum { FRAME = 1410, STAT_LINES = 134 };
 static const char LONG_ZERO[] = "00000000\t0000000000000000\n";
 static const char SHORT_ZERO[] = "0000000000000000\n";
 
-/* Every global Stat_read and Stat_capture depend on, at its start value. */
-static void reset_globals(void)
-{
-    memset(&Stat_Out, 0, sizeof Stat_Out);
-    scount = 0;
-    smode = 1;
-    bits = 0;
-    dataLen = 0;
-    memset(buffer, 0, sizeof buffer);
-    z_prev = 0.0f;
-    dz_prev = 0.0f;
-    Jitter = 0;
-    Sync_En = 0;
-    atomic_store(&Alarm, 0);
-    char zeros[CO_SIZE] = {0};
-    command_out_put(0, zeros, CO_SIZE);
-    timeinfo_refresh(plat_time());
-}
-
-static int setup(void **state)
-{
-    board_setup(state);
-    reset_globals();
-    return 0;
-}
-
 /* Line `no` (1-based) of text into out (without its newline); 0 when missing. */
 static int line_of(const char *text, int no, char *out, size_t size)
 {
@@ -621,33 +595,45 @@ static void test_no_abort_on_first_call(void **state)
 int main(void)
 {
     const struct CMUnitTest tests[] = {
-        cmocka_unit_test_setup_teardown(test_phasing_with_flag_on, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_stat_file_rewritten_on_next_exchange, setup,
+        cmocka_unit_test_setup_teardown(test_phasing_with_flag_on, statistics_setup,
                                         board_teardown),
-        cmocka_unit_test_setup_teardown(test_flag_off_keeps_phase, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_all_zero_reply, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_unused_bytes_never_printed, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_four_tables_of_32_lines, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_counter_lines_low_byte_only, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_counter_lines_taken_before_part_4_2, setup,
+        cmocka_unit_test_setup_teardown(test_stat_file_rewritten_on_next_exchange, statistics_setup,
                                         board_teardown),
-        cmocka_unit_test_setup_teardown(test_counter_line_failed_read, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_golden_stat_file, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_transfer_descriptor, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_register_1_bit_2, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_register_48_read_fails, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_frame_allocation_fails, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_second_frame_allocation_fails, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_stat_file_is_a_directory, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_ftpdir_read_only, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_pabort_open, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_pabort_write_mode, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_pabort_read_mode, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_pabort_write_bits, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_pabort_read_bits, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_pabort_message, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_pabort_device_missing, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_no_abort_on_first_call, setup, board_teardown),
+        cmocka_unit_test_setup_teardown(test_flag_off_keeps_phase, statistics_setup,
+                                        board_teardown),
+        cmocka_unit_test_setup_teardown(test_all_zero_reply, statistics_setup, board_teardown),
+        cmocka_unit_test_setup_teardown(test_unused_bytes_never_printed, statistics_setup,
+                                        board_teardown),
+        cmocka_unit_test_setup_teardown(test_four_tables_of_32_lines, statistics_setup,
+                                        board_teardown),
+        cmocka_unit_test_setup_teardown(test_counter_lines_low_byte_only, statistics_setup,
+                                        board_teardown),
+        cmocka_unit_test_setup_teardown(test_counter_lines_taken_before_part_4_2, statistics_setup,
+                                        board_teardown),
+        cmocka_unit_test_setup_teardown(test_counter_line_failed_read, statistics_setup,
+                                        board_teardown),
+        cmocka_unit_test_setup_teardown(test_golden_stat_file, statistics_setup, board_teardown),
+        cmocka_unit_test_setup_teardown(test_transfer_descriptor, statistics_setup, board_teardown),
+        cmocka_unit_test_setup_teardown(test_register_1_bit_2, statistics_setup, board_teardown),
+        cmocka_unit_test_setup_teardown(test_register_48_read_fails, statistics_setup,
+                                        board_teardown),
+        cmocka_unit_test_setup_teardown(test_frame_allocation_fails, statistics_setup,
+                                        board_teardown),
+        cmocka_unit_test_setup_teardown(test_second_frame_allocation_fails, statistics_setup,
+                                        board_teardown),
+        cmocka_unit_test_setup_teardown(test_stat_file_is_a_directory, statistics_setup,
+                                        board_teardown),
+        cmocka_unit_test_setup_teardown(test_ftpdir_read_only, statistics_setup, board_teardown),
+        cmocka_unit_test_setup_teardown(test_pabort_open, statistics_setup, board_teardown),
+        cmocka_unit_test_setup_teardown(test_pabort_write_mode, statistics_setup, board_teardown),
+        cmocka_unit_test_setup_teardown(test_pabort_read_mode, statistics_setup, board_teardown),
+        cmocka_unit_test_setup_teardown(test_pabort_write_bits, statistics_setup, board_teardown),
+        cmocka_unit_test_setup_teardown(test_pabort_read_bits, statistics_setup, board_teardown),
+        cmocka_unit_test_setup_teardown(test_pabort_message, statistics_setup, board_teardown),
+        cmocka_unit_test_setup_teardown(test_pabort_device_missing, statistics_setup,
+                                        board_teardown),
+        cmocka_unit_test_setup_teardown(test_no_abort_on_first_call, statistics_setup,
+                                        board_teardown),
     };
     return cmocka_run_group_tests(tests, NULL, NULL);
 }

@@ -13,32 +13,6 @@
 #define RESP_CMD "./spiWrite -m 0 -l 4 -d 2 26 0 0"
 #define REG48_CMD "./spiWrite -m 0 -l 3 -d 1 48 0"
 
-/* Every global Stat_read and Stat_capture depend on, at its start value. */
-static void reset_globals(void)
-{
-    memset(&Stat_Out, 0, sizeof Stat_Out);
-    scount = 0;
-    smode = 1;
-    bits = 0;
-    dataLen = 0;
-    memset(buffer, 0, sizeof buffer);
-    z_prev = 0.0f;
-    dz_prev = 0.0f;
-    Jitter = 0;
-    Sync_En = 0;
-    atomic_store(&Alarm, 0);
-    char zeros[CO_SIZE] = {0};
-    command_out_put(0, zeros, CO_SIZE);
-    timeinfo_refresh(plat_time());
-}
-
-static int setup(void **state)
-{
-    board_setup(state);
-    reset_globals();
-    return 0;
-}
-
 /* One cycle's statistics step at the given time with the given readings. */
 static void cycle_at(time_t t, uint64_t requests, uint64_t responses)
 {
@@ -395,22 +369,34 @@ static void test_register_tool_faults(void **state)
 int main(void)
 {
     const struct CMUnitTest tests[] = {
-        cmocka_unit_test_setup_teardown(test_minute_slot_at_12_34_00, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_hour_slot_at_05_00_00, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_hour_sum_wraps_at_00_10_00, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_day_slot_at_midnight_on_the_first, setup,
+        cmocka_unit_test_setup_teardown(test_minute_slot_at_12_34_00, statistics_setup,
                                         board_teardown),
-        cmocka_unit_test_setup_teardown(test_missing_reading_65535, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_flag_off_still_counts, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_flag_file_variants, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_flag_on_command_lines, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_timeinfo_refreshed, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_two_byte_reading_and_average, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_counter_read_failures, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_counter_short_output, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_counter_garbage_output, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_counter_fifth_line_too_short, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_register_tool_faults, setup, board_teardown),
+        cmocka_unit_test_setup_teardown(test_hour_slot_at_05_00_00, statistics_setup,
+                                        board_teardown),
+        cmocka_unit_test_setup_teardown(test_hour_sum_wraps_at_00_10_00, statistics_setup,
+                                        board_teardown),
+        cmocka_unit_test_setup_teardown(test_day_slot_at_midnight_on_the_first, statistics_setup,
+                                        board_teardown),
+        cmocka_unit_test_setup_teardown(test_missing_reading_65535, statistics_setup,
+                                        board_teardown),
+        cmocka_unit_test_setup_teardown(test_flag_off_still_counts, statistics_setup,
+                                        board_teardown),
+        cmocka_unit_test_setup_teardown(test_flag_file_variants, statistics_setup, board_teardown),
+        cmocka_unit_test_setup_teardown(test_flag_on_command_lines, statistics_setup,
+                                        board_teardown),
+        cmocka_unit_test_setup_teardown(test_timeinfo_refreshed, statistics_setup, board_teardown),
+        cmocka_unit_test_setup_teardown(test_two_byte_reading_and_average, statistics_setup,
+                                        board_teardown),
+        cmocka_unit_test_setup_teardown(test_counter_read_failures, statistics_setup,
+                                        board_teardown),
+        cmocka_unit_test_setup_teardown(test_counter_short_output, statistics_setup,
+                                        board_teardown),
+        cmocka_unit_test_setup_teardown(test_counter_garbage_output, statistics_setup,
+                                        board_teardown),
+        cmocka_unit_test_setup_teardown(test_counter_fifth_line_too_short, statistics_setup,
+                                        board_teardown),
+        cmocka_unit_test_setup_teardown(test_register_tool_faults, statistics_setup,
+                                        board_teardown),
     };
     return cmocka_run_group_tests(tests, NULL, NULL);
 }

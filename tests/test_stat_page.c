@@ -17,32 +17,6 @@
 #define PAGE_LOCK "/ramcache/zarvent/lock"
 #define EMUL_FILE "/usr/bin/Zarvent/nmea_emul_flag.txt"
 
-/* Every global FileWrite depends on, at its start value. */
-static void reset_globals(void)
-{
-    memset(&Stat_Out, 0, sizeof Stat_Out);
-    scount = 0;
-    smode = 1;
-    bits = 0;
-    dataLen = 0;
-    memset(buffer, 0, sizeof buffer);
-    z_prev = 0.0f;
-    dz_prev = 0.0f;
-    Jitter = 0;
-    Sync_En = 0;
-    atomic_store(&Alarm, 0);
-    char zeros[CO_SIZE] = {0};
-    command_out_put(0, zeros, CO_SIZE);
-    timeinfo_refresh(plat_time());
-}
-
-static int setup(void **state)
-{
-    board_setup(state);
-    reset_globals();
-    return 0;
-}
-
 /* Places a zero-terminated text at a Command_Out position. */
 static void put_text(size_t pos, const char *text)
 {
@@ -538,26 +512,33 @@ static void test_page_replaced_whole(void **state)
 int main(void)
 {
     const struct CMUnitTest tests[] = {
-        cmocka_unit_test_setup_teardown(test_golden_page, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_golden_page_alarm_and_filter, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_empty_reference_before_first_loop, setup,
+        cmocka_unit_test_setup_teardown(test_golden_page, statistics_setup, board_teardown),
+        cmocka_unit_test_setup_teardown(test_golden_page_alarm_and_filter, statistics_setup,
                                         board_teardown),
-        cmocka_unit_test_setup_teardown(test_reference_name_with_cycle_data, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_filter_idle_without_reference, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_filter_constant_offset, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_filter_state_kept_when_reference_lost, setup,
+        cmocka_unit_test_setup_teardown(test_empty_reference_before_first_loop, statistics_setup,
                                         board_teardown),
-        cmocka_unit_test_setup_teardown(test_last_second_at_second_0, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_antenna_texts, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_emulation_line, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_page_ends_with_date_and_time, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_offset_text_widths, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_page_cannot_be_opened_read_only, setup,
+        cmocka_unit_test_setup_teardown(test_reference_name_with_cycle_data, statistics_setup,
                                         board_teardown),
-        cmocka_unit_test_setup_teardown(test_page_cannot_be_opened_lock_stays, setup,
+        cmocka_unit_test_setup_teardown(test_filter_idle_without_reference, statistics_setup,
                                         board_teardown),
-        cmocka_unit_test_setup_teardown(test_lock_cannot_be_created, setup, board_teardown),
-        cmocka_unit_test_setup_teardown(test_page_replaced_whole, setup, board_teardown),
+        cmocka_unit_test_setup_teardown(test_filter_constant_offset, statistics_setup,
+                                        board_teardown),
+        cmocka_unit_test_setup_teardown(test_filter_state_kept_when_reference_lost,
+                                        statistics_setup, board_teardown),
+        cmocka_unit_test_setup_teardown(test_last_second_at_second_0, statistics_setup,
+                                        board_teardown),
+        cmocka_unit_test_setup_teardown(test_antenna_texts, statistics_setup, board_teardown),
+        cmocka_unit_test_setup_teardown(test_emulation_line, statistics_setup, board_teardown),
+        cmocka_unit_test_setup_teardown(test_page_ends_with_date_and_time, statistics_setup,
+                                        board_teardown),
+        cmocka_unit_test_setup_teardown(test_offset_text_widths, statistics_setup, board_teardown),
+        cmocka_unit_test_setup_teardown(test_page_cannot_be_opened_read_only, statistics_setup,
+                                        board_teardown),
+        cmocka_unit_test_setup_teardown(test_page_cannot_be_opened_lock_stays, statistics_setup,
+                                        board_teardown),
+        cmocka_unit_test_setup_teardown(test_lock_cannot_be_created, statistics_setup,
+                                        board_teardown),
+        cmocka_unit_test_setup_teardown(test_page_replaced_whole, statistics_setup, board_teardown),
     };
     return cmocka_run_group_tests(tests, NULL, NULL);
 }

@@ -1,6 +1,9 @@
 /* Helpers shared by the unit tests. */
 #include "test_support.h"
 
+#include "daemon/shared.h"
+#include "platform/platform.h"
+
 #include <fcntl.h>
 #include <linux/capability.h>
 #include <sys/syscall.h>
@@ -26,6 +29,31 @@ int board_teardown(void **state)
 {
     (void)state;
     vplat_cleanup();
+    return 0;
+}
+
+void statistics_globals_reset(void)
+{
+    memset(&Stat_Out, 0, sizeof Stat_Out);
+    scount = 0;
+    smode = 1;
+    bits = 0;
+    dataLen = 0;
+    memset(buffer, 0, sizeof buffer);
+    z_prev = 0.0f;
+    dz_prev = 0.0f;
+    Jitter = 0;
+    Sync_En = 0;
+    atomic_store(&Alarm, 0);
+    char zeros[CO_SIZE] = {0};
+    command_out_put(0, zeros, CO_SIZE);
+    timeinfo_refresh(plat_time());
+}
+
+int statistics_setup(void **state)
+{
+    board_setup(state);
+    statistics_globals_reset();
     return 0;
 }
 

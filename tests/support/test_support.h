@@ -25,6 +25,12 @@ int board_teardown(void **state);
  * 88 inputs at 1 (released, no fault). */
 void supervision_lines(void);
 
+/* Every global of the statistics and status page (Parts 4.1 to 4.3) back
+ * at its start value, Command_Out cleared, timeinfo at the board's clock. */
+void statistics_globals_reset(void);
+/* cmocka set-up: board_setup, then statistics_globals_reset. */
+int statistics_setup(void **state);
+
 /* Five-line spiWrite output whose fifth line is fifth (give it with its newline). */
 const char *spi_output(const char *fifth);
 
