@@ -1,14 +1,15 @@
-# Cross build for the board: Debian's gcc-arm-linux-gnueabihf. The unit tests
-# run under qemu-arm through CTest's cross-compiling emulator.
+# Cross build for the board: Debian's g++-arm-linux-gnueabihf. The tests run
+# under qemu-arm through CTest's cross-compiling emulator.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR arm)
-set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)
+set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
 set(CMAKE_FIND_ROOT_PATH /usr/arm-linux-gnueabihf /usr/lib/arm-linux-gnueabihf)
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
-# The programs run against Debian's multiarch armhf libraries (libc6:armhf,
-# which libcmocka-dev:armhf brings): one glibc for every library. Mixing the
-# cross toolchain's libc with the multiarch libm makes threads crash.
+# GoogleTest comes from Debian's multiarch armhf packages (libgtest-dev:armhf);
+# the programs run against the multiarch armhf runtime, one glibc for all.
+set(CMAKE_PREFIX_PATH /usr/lib/arm-linux-gnueabihf/cmake)
 set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm)

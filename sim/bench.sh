@@ -2,17 +2,22 @@
 # Prints how fast the simulator runs the whole daemon: wall time and board
 # seconds per wall second for a scenario (default: one board hour of normal
 # operation). Figures only; nothing is asserted.
-#   sim/bench.sh [SCENARIO_FILE] [BOARD_SECONDS]
+#   sim/bench.sh [SCENARIO_FILE] [BOARD_SECONDS] [SIMULATOR]
+# Without SIMULATOR it builds a release simulator in build-bench first.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scenario=${1:-sim/scenarios/normal.scn}
 seconds=${2:-3600}
-cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DZARVENT_TESTS=OFF >/dev/null
-cmake --build build-bench -j "$(nproc)" --target zarvent-sim >/dev/null
+sim=${3:-}
+if [ -z "$sim" ]; then
+    cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DZARVENT_TESTS=OFF >/dev/null
+    cmake --build build-bench -j "$(nproc)" --target zarvent-sim >/dev/null
+    sim=build-bench/sim/zarvent-sim
+fi
 out=$(mktemp -d)
 trap 'rm -rf "$out"' EXIT
 start=$(date +%s.%N)
-build-bench/sim/zarvent-sim --scenario "$scenario" --out "$out" --pace fast --duration "$seconds" >/dev/null
+"$sim" --scenario "$scenario" --out "$out" --pace fast --duration "$seconds" >/dev/null
 end=$(date +%s.%N)
 commands=$(wc -l < "$out/logs/commands.log")
 awk -v s="$start" -v e="$end" -v b="$seconds" -v c="$commands" 'BEGIN {

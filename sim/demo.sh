@@ -28,12 +28,12 @@ if [ ! -f "$file" ]; then
 fi
 
 # What a fresh Debian 12 machine lacks for the build.
-if ! command -v cmake >/dev/null || ! command -v gcc >/dev/null; then
+if ! command -v cmake >/dev/null || ! command -v g++ >/dev/null || ! command -v make >/dev/null; then
     if [ "$(id -u)" = 0 ]; then
         apt-get update -qq || true
-        DEBIAN_FRONTEND=noninteractive apt-get install -y -qq cmake gcc make >/dev/null
+        DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends cmake g++ make >/dev/null
     else
-        echo "cmake and gcc are needed: sudo apt-get install cmake gcc make" >&2
+        echo "cmake, g++ and make are needed: sudo apt-get install cmake g++ make" >&2
         exit 1
     fi
 fi

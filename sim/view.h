@@ -1,17 +1,25 @@
-/* The demo's screen: what the appliance's web interface would show, redrawn
- * once per board second from the simulated board's files and lines. */
-#ifndef ZARVENT_VIEW_H
-#define ZARVENT_VIEW_H
+// The demo's screen: what the appliance's web interface would show, redrawn
+// once per board second from the simulated board's files and lines and the
+// daemon's state.
+#pragma once
 
-#include <stdint.h>
+#include <string>
 
-struct view {
-    const char *out_dir;
-    const char *scenario;
-    double pace;
+#include "scenario.h"
+
+namespace zarvent::sim {
+
+class View
+{
+public:
+    View(std::string outDir, std::string scenario, double pace);
+    // Redraws the screen (an eachSecond callback of runScenario).
+    void second(const SecondView &view) const;
+
+private:
+    std::string outDir_;
+    std::string scenario_;
+    double pace_;
 };
 
-/* Redraws the screen for board time t_s (an each_second callback of sim_run). */
-void view_second(int64_t t_s, void *ctx);
-
-#endif
+} // namespace zarvent::sim

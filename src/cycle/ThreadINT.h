@@ -1,48 +1,78 @@
-/* The one-second cycle (Parts 3.1 to 3.6): the pulse-triggered driver and
- * the steps that run on the cycle thread. */
-#ifndef ZARVENT_THREADINT_H
-#define ZARVENT_THREADINT_H
+// The one-second cycle: the FPGA raises line 19 once per second; the cycle
+// thread polls it every 500 µs and runs the cycle once per high phase.
+#pragma once
 
-#include <stdint.h>
+#include <cstdint>
+#include <memory>
 
-/* ---- Part 3.1: cycle driver (ThreadINT.c) ---- */
-/* Thread entry: set-up, then the poll loop forever. */
-void *ThreadSrvINT(void *arg);
-/* Set-up of Part 3.1: line 19, start time, DAC defaults. */
-void cycle_setup(void);
-/* One poll of line 19 (steps 1 to 3, without the sleep); 1 when a cycle ran. */
-int cycle_poll(void);
-/* The ten steps of one cycle, in the spec's order. */
-void cycle_run(void);
+#include "hardware/gpio_work.h"
 
-/* ---- Part 3.2: oscillator steering (steering.c) ---- */
-/* Loads the centre value, sends DAC command 4 with 2048 and command 3 with it. */
-void DAC_DEFAULTS(void);
-/* One steered second: the new DAC code, register 1 bit 0, the DAC write, a chart point. */
-void Calculate_offset(void);
+namespace zarvent {
 
-/* ---- Part 3.3: relay reset (relay.c) ---- */
-/* Reads register 28 and pulses register 2 bits 1/2 five seconds after an event. */
-int Relay_Reset(void);
+class Platform;
+class Runner;
+class Registers;
+class Dac;
+class SharedState;
+class PacketCounters;
+class StatCapture;
+class StatusPage;
+class RelayReset;
+class ClientIndicator;
+class TimeHandover;
+class OffsetReadout;
+class Steering;
 
-/* ---- Part 3.4: time hand-over (handover.c) ---- */
-/* Runs ntptime; stamp to Command_Out 143-160, date and time to slot. Always 0. */
-int ControlTime(char *slot);
-/* Seconds count of the coming second from the hex stamp at text. */
-int64_t Time_to_hex(const char *text);
-/* Hands the seconds count to the FPGA through registers 10, 3 and 11. */
-int Send_Time(void);
+// The cycle's time in whole seconds: the pulse marks the top of the second,
+// so the realtime clock read during the cycle is rounded to the nearest
+// second. Read at full resolution, it never shows the previous second a tick
+// after the boundary, as the kernel's coarse clock behind time() can: two
+// cycles never share one second's slots and no slot is skipped.
+std::int64_t cycleSecond(std::int64_t realtimeNs);
 
-/* ---- Part 3.5: client-activity indicator (client.c) ---- */
-/* Switches lines 70 and 71 off. Always 0. */
-int Service(void);
-/* Flashes line 71 when register 26's low byte is not zero. */
-int ReadNtpCli(void);
+class CycleThread
+{
+public:
+    CycleThread(Platform &platform, Runner &runner, Gpio &gpio, Registers &registers, Dac &dac,
+                SharedState &shared);
+    ~CycleThread();
+    CycleThread(const CycleThread &) = delete;
+    CycleThread &operator=(const CycleThread &) = delete;
 
-/* ---- Part 3.6: offset readout and synchronisation enable (offset.c) ---- */
-/* Reads register 14 into the offset text at Command_Out 53 and the jitter blocks. */
-int32_t ControlOffset(void);
-/* Qualifies the receiver from "ntpq -c clockvar"; sets or clears Sync_En and register 1 bit 0. */
-int Nav_Parse(void);
+    // Set-up: line 19 as a rising-edge input, the start time, the DAC lines
+    // and the DAC's defaults.
+    void setup();
+    // One poll of line 19 (without the sleep): true when a cycle ran.
+    bool poll();
+    // The cycle's steps, in order.
+    void runCycle();
+    // The thread: set-up, then a poll every 500 µs, forever.
+    [[noreturn]] void ThreadSrvINT();
 
-#endif
+    PacketCounters &counters() { return *counters_; }
+    StatCapture &capture() { return *capture_; }
+    StatusPage &statusPage() { return *page_; }
+    TimeHandover &handover() { return *handover_; }
+    OffsetReadout &offset() { return *offset_; }
+    Steering &steering() { return *steering_; }
+
+private:
+    Platform &platform_;
+    Runner &runner_;
+    Gpio &gpio_;
+    Dac &dac_;
+    SharedState &shared_;
+    GpioLine pulse_;
+    // 1: the line has been seen low since the last cycle (the cycle is armed).
+    std::uint8_t first_f = 1;
+    std::unique_ptr<StatCapture> capture_;
+    std::unique_ptr<PacketCounters> counters_;
+    std::unique_ptr<StatusPage> page_;
+    std::unique_ptr<RelayReset> relay_;
+    std::unique_ptr<ClientIndicator> client_;
+    std::unique_ptr<TimeHandover> handover_;
+    std::unique_ptr<OffsetReadout> offset_;
+    std::unique_ptr<Steering> steering_;
+};
+
+} // namespace zarvent

@@ -1,14 +1,49 @@
-/* FPGA load and readiness check (Part 6.1), on the FPGA thread. */
-#ifndef ZARVENT_THREADFPGA_H
-#define ZARVENT_THREADFPGA_H
+// The FPGA thread: loads the bitstream once at start ("./wrFPGA --file
+// Version_1.rbf"), then writes register 1 once a second until the register
+// tool's answer line reads "AA AA A5"; afterwards it has nothing to do.
+#pragma once
 
-/* Thread entry: InitFPGA, then SrvFPGA and a two-second sleep, forever. */
-void *ThreadSrvFPGA(void *arg);
-/* Exports lines 182 and 13 and makes them inputs. */
-int InitFPGA(void);
-/* One service step: BurnFPGA. */
-void SrvFPGA(void);
-/* Loads the bitstream once, then returns only when the FPGA answers "AA AA A5". */
-void BurnFPGA(void);
+#include <cstdint>
 
-#endif
+namespace zarvent {
+
+class Platform;
+class Runner;
+class Gpio;
+class Registers;
+
+inline constexpr const char *FPGA_A5 = "AA AA A5";
+
+// True when an answer line (of a 200-byte read) is "AA AA A5" and exactly one
+// more character, its line end; only its first 10 characters take part.
+bool fpgaAnswered(const char *line);
+
+class FpgaThread
+{
+public:
+    FpgaThread(Platform &platform, Runner &runner, Gpio &gpio, Registers &registers)
+        : platform_(platform), runner_(runner), gpio_(gpio), registers_(registers)
+    {
+    }
+
+    // Exports lines 182 and 13 as inputs.
+    void InitFPGA();
+    // One service step.
+    void SrvFPGA();
+    // Loads the FPGA if it has not answered yet; returns once it has.
+    void BurnFPGA();
+    [[noreturn]] void ThreadSrvFPGA();
+
+    bool configured() const { return cfgOk == 1; }
+
+private:
+    bool attempt();
+
+    Platform &platform_;
+    Runner &runner_;
+    Gpio &gpio_;
+    Registers &registers_;
+    std::int32_t cfgOk = 0;
+};
+
+} // namespace zarvent

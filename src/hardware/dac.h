@@ -1,8 +1,32 @@
-/* DAC serial write over GPIO lines 96 (clock), 118 (data), 106 (select) (Part 2.3). */
-#ifndef ZARVENT_DAC_H
-#define ZARVENT_DAC_H
+// The DAC that pulls the reference oscillator, written as a 24-bit word shifted
+// out most significant bit first on three GPIO lines: 96 clock, 118 data,
+// 106 select (active low). Word: command in bits 23-20, value in bits 19-4.
+//
+// Only the cycle thread uses the DAC, and it alone configures the three lines
+// (configureLines): no other thread can drive the select line low in the
+// middle of a word.
+#pragma once
 
-/* Shifts the 24-bit word (command << 20 | value << 4) out MSB first. */
-int SPIWriteInt(unsigned command, unsigned value);
+#include "hardware/gpio_work.h"
 
-#endif
+namespace zarvent {
+
+class Dac
+{
+public:
+    Dac(Platform &platform, Gpio &gpio);
+
+    // Exports the three lines as outputs: clock 0, select 1 (idle), data 0.
+    void configureLines();
+    // Shifts out the word (command << 20) | (value << 4). False, and nothing
+    // sent, for a command above 15; a value above 65535 is sent as 65535.
+    bool SPIWriteInt(unsigned command, unsigned value);
+
+private:
+    Gpio &gpio_;
+    GpioLine clock_;
+    GpioLine select_;
+    GpioLine data_;
+};
+
+} // namespace zarvent

@@ -1,49 +1,61 @@
-/* FPGA register access through the register tool `spiWrite` (Part 2.2).
- *
- * Values come from the fifth output line, from column 6, base 16, least
- * significant byte first. Left to the implementer (Part 2.2), our choice: a
- * read that fails (the tool cannot start, prints fewer than five lines, or
- * its fifth line holds no hexadecimal number at column 6) reports the
- * failure, and no caller writes back a value that did not come from the
- * register: the write is skipped. Readers of values take 0, as the spec's
- * parse would. */
-#ifndef ZARVENT_REGISTERS_H
-#define ZARVENT_REGISTERS_H
+// FPGA registers through the register tool spiWrite, run from the working
+// directory: "-m 0" reads, "-m 1" writes, "-l" the transfer length, "-d" the
+// number of data bytes, then the register number and the data bytes in
+// decimal, least significant first. The tool prints five lines; the fifth
+// holds the bytes received, "AA AA" and the data bytes.
+//
+// A read counts only when the tool started, printed five lines and its fifth
+// line has that form. Anything else (an error message in place of data, a
+// short or garbled answer) is a failed read, and no caller writes back a value
+// that did not come from the register: the write is skipped.
+#pragma once
 
-#include <stddef.h>
-#include <stdint.h>
+#include <cstdint>
+#include <optional>
+#include <string>
 
-enum { REG_LINE = 100, REG_DATA_COLUMN = 6 };
+#include "platform/platform.h"
 
-/* Command lines of Part 2.2 used by more than one Part. */
-#define REG2_READ_CMD "./spiWrite -m 0 -l 3 -d 1 2 0"
+namespace zarvent {
 
-/* One-byte value at column 6 of a fifth line (0 when no hex number is there). */
-long reg_parse_byte(const char *line);
-/* Two-byte value: number at column 6 plus 256 times the number at column 8. */
-long reg_parse_word(const char *line);
-/* Four successive numbers from column 6, least significant first. */
-uint32_t reg_parse_bytes4(const char *line);
+class Runner;
+class SharedState;
 
-/* Runs a read command with `calls` fgets calls (5 or 6, Part 2.2) and parses
- * one byte into *value. 0 on success, -1 when the read failed. */
-int reg_read_byte(const char *cmd, int calls, long *value);
-/* Runs a two-byte read command (five fgets calls). 0 on success, -1 on failure. */
-int reg_read_word(const char *cmd, long *value);
-/* Runs a read command and hands back its fifth line in line (size REG_LINE). */
-int reg_read_line(const char *cmd, int calls, char *line);
-/* Writes one byte to register 1 or 2: "./spiWrite -m 1 -l 3 -d 1 1 %d 0" or
- * "./spiWrite -m 1 -l 3 -d 1 2 %d 0", run in mode and closed at once.
- * 0 when it started, -1 when not. */
-int reg_write(int reg, long value, const char *mode);
+namespace reg {
+inline const std::string kRead2 = "./spiWrite -m 0 -l 3 -d 1 2 0";
+inline const std::string kRead14 = "./spiWrite -m 0 -l 6 -d 4 14 0 0 0 0";
+inline const std::string kRead24 = "./spiWrite -m 0 -l 4 -d 2 24 0 0";
+inline const std::string kRead26 = "./spiWrite -m 0 -l 4 -d 2 26 0 0";
+inline const std::string kRead28 = "./spiWrite -m 0 -l 3 -d 1 28 0 0";
+inline const std::string kRead48 = "./spiWrite -m 0 -l 3 -d 1 48 0";
+} // namespace reg
 
-/* Data byte of register 2 ("./spiWrite -m 0 -l 3 -d 1 2 0", six fgets calls);
- * -1 when the read failed. */
-int Read_Control(void);
+class Registers
+{
+public:
+    Registers(Platform &platform, Runner &runner, SharedState &shared)
+        : platform_(platform), runner_(runner), shared_(shared)
+    {
+    }
 
-/* Read-modify-write of register 2 under reg2_lock: reads it, sets the bits of
- * `set`, clears those of `clear`, writes it with mode. Skips the write when
- * the read failed; returns the value written, or -1. */
-int reg2_modify(int set, int clear, const char *mode);
+    // Runs a read command line, calls the line reader `calls` times (five, or
+    // six when the last call is to find the end of the output) and takes the
+    // value of dataBytes data bytes from the line then in the buffer.
+    std::optional<std::uint64_t> read(const std::string &line, int calls, int dataBytes);
+    // The control register 2 ("./spiWrite -m 0 -l 3 -d 1 2 0", six calls).
+    std::optional<unsigned> Read_Control();
+    // Writes one byte to register 1 or 2: "./spiWrite -m 1 -l 3 -d 1 R V 0",
+    // closed at once; false when the command could not be started.
+    bool write(int reg, unsigned value, PipeMode mode);
+    // Reads register 2, sets the bits of `set`, clears those of `clear` and
+    // writes it back, holding the register-2 lock throughout. The value
+    // written, or nothing when the read failed and nothing was written.
+    std::optional<unsigned> modifyRegister2(unsigned set, unsigned clear, PipeMode mode);
 
-#endif
+private:
+    Platform &platform_;
+    Runner &runner_;
+    SharedState &shared_;
+};
+
+} // namespace zarvent

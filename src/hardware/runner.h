@@ -1,30 +1,49 @@
-/* The command runner (Overview, "Command runner"; GUIDE section 1).
- *
- * Every external action is a command line run through the OS seam. Output is
- * read line by line with fgets into a fixed buffer and handed back at a fixed
- * line; nothing is ever read beyond what the command printed. A line longer
- * than the buffer is read in pieces, each fgets call counting as one line,
- * exactly as the spec's fgets loops do. */
-#ifndef ZARVENT_RUNNER_H
-#define ZARVENT_RUNNER_H
+// The command runner: every outside program the daemon uses is a command line
+// run through the OS seam and closed before the call returns.
+//
+// Output is read as the board's C tools have always been read: line by line
+// into a fixed buffer, each call taking at most the buffer's size less one
+// characters or up to and including a newline, so an overlong line comes in
+// pieces and each piece counts as a line; a call at the end of the output
+// leaves the buffer as it was. A NUL byte ends the text of a line. Nothing is
+// ever read beyond what the command printed.
+//
+// Before a command is closed, the rest of its output is read and dropped, so
+// a tool that prints while it works (the FPGA loader's progress) never dies
+// of SIGPIPE halfway through.
+#pragma once
 
-#include <stddef.h>
+#include <cstddef>
+#include <string>
 
-/* Failures of run_read_lines: both negative, so "< 0" means no line. */
-enum { RUN_NOT_STARTED = -1, RUN_SHORT = -2 };
+#include "platform/platform.h"
 
-/* Runs cmd in mode ("r" or "w") and closes it at once, output unread. 0 when it started, -1 when
- * not. */
-int run_command(const char *cmd, const char *mode);
-/* Runs cmd (mode "r"), calls fgets `calls` times into buf (size bufsz, >= 2);
- * a call that finds the end leaves buf as it was. Returns 0 when at least
- * `need` calls read a line (buf then holds the last line read); RUN_NOT_STARTED
- * when the command could not be started, RUN_SHORT when it printed fewer
- * lines (buf then empty in both cases). */
-int run_read_lines(const char *cmd, int calls, int need, char *buf, size_t bufsz);
-/* Runs cmd (mode "r") and reads up to 1024 bytes of its output in one fread
- * into a heap buffer (Part 5.1). 1 when it printed at least one byte, 0 when
- * it printed nothing or could not be started. */
-int run_has_output(const char *cmd);
+namespace zarvent {
 
-#endif
+// What a read of a command's output found.
+struct CommandLines {
+    bool started = false; // false: the command could not be started
+    int count = 0;        // lines read, at most the number of calls
+    std::string last;     // the buffer after the calls: the last line read
+};
+
+class Runner
+{
+public:
+    explicit Runner(Platform &platform) : platform_(platform) {}
+
+    // Runs a command line in mode and closes it, its output unread; false when
+    // it could not be started.
+    bool run(const std::string &line, PipeMode mode);
+    // Runs a command line (mode "r") and reads `calls` lines into a buffer of
+    // bufferSize bytes.
+    CommandLines readLines(const std::string &line, int calls, std::size_t bufferSize = 100);
+    // Runs a command line (mode "r"): true when it printed at least one byte
+    // (only whether it printed, never what, counts).
+    bool hasOutput(const std::string &line);
+
+private:
+    Platform &platform_;
+};
+
+} // namespace zarvent

@@ -1,55 +1,159 @@
-/* The daemon's only door to the operating system (GUIDE section 1).
- *
- * Every contact of the daemon logic with the OS goes through these functions.
- * Two backends supply them at link time: platform_linux.c, a page of thin
- * wrappers over libc for the board, and the board simulator (sim/vplat.c),
- * which answers the same calls from a model of the board in virtual time.
- * Stdio on a stream that plat_popen or plat_fopen returned (fgets, fread,
- * fprintf, fputs, fclose of an fopen stream) is plain C. */
-#ifndef ZARVENT_PLATFORM_H
-#define ZARVENT_PLATFORM_H
+// The daemon's only door to the operating system.
+//
+// Every contact of the daemon logic with the OS goes through this interface,
+// passed by reference to the objects that need it. Two implementations exist:
+// LinuxPlatform (platform_linux.cpp), a thin layer over libc for the board,
+// and the simulator's virtual board (sim/), which answers the same calls from
+// a model of the board in virtual time. The production binary links only the
+// first.
+//
+// Calls that fail return -1 (or an empty value) and leave the reason in
+// errno, as the system calls they stand for do.
+#pragma once
 
-#include <pthread.h>
-#include <stdio.h>
-#include <sys/types.h>
-#include <time.h>
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
 
-/* Runs a shell command line; mode "r" reads its output, "w" discards nothing. NULL when it cannot
- * start. */
-FILE *plat_popen(const char *cmd, const char *mode);
-/* Closes a stream from plat_popen and waits for the command. */
-int plat_pclose(FILE *f);
-/* Opens a file as fopen does. */
-FILE *plat_fopen(const char *path, const char *mode);
-/* Opens a file as open(2) does; O_CREAT makes it with mode 0666. */
-int plat_open(const char *path, int flags);
-/* read(2) on a descriptor from plat_open. */
-ssize_t plat_read(int fd, void *buf, size_t n);
-/* write(2) on a descriptor from plat_open. */
-ssize_t plat_write(int fd, const void *buf, size_t n);
-/* close(2) on a descriptor from plat_open. */
-int plat_close(int fd);
-/* ioctl(2) on a descriptor from plat_open: the spidev requests of Part 4.1. */
-int plat_ioctl(int fd, unsigned long request, void *arg);
-/* Current time in whole seconds, as time(2). */
-time_t plat_time(void);
-/* Broken-down local time of t into *out (thread-safe); returns out, or NULL. */
-struct tm *plat_localtime(time_t t, struct tm *out);
-/* Sleeps whole seconds. */
-void plat_sleep(unsigned seconds);
-/* Sleeps microseconds. */
-void plat_usleep(unsigned microseconds);
-/* Allocates memory (heap buffers that live within one call). */
-void *plat_malloc(size_t n);
-/* Frees memory from plat_malloc. */
-void plat_free(void *p);
-/* Starts a detached thread with a null argument; 0 on success. */
-int plat_thread_start(pthread_t *handle, void *(*entry)(void *));
-/* Blocks the calling thread for good without using the processor. */
-void plat_block_forever(void);
-/* Locks a mutex that may be held across other plat_* calls. */
-void plat_mutex_lock(pthread_mutex_t *m);
-/* Unlocks a mutex locked with plat_mutex_lock. */
-void plat_mutex_unlock(pthread_mutex_t *m);
+#include "platform/mutex.h"
 
-#endif
+namespace zarvent {
+
+// popen's two modes: "r" reads the command's output; "w" gives it a pipe on
+// its standard input (never written to) and leaves its output on ours.
+enum class PipeMode { Read, Write };
+
+// A started command line (the child of popen).
+class Command
+{
+public:
+    virtual ~Command() = default;
+    // Reads up to into.size() bytes of the command's output (PipeMode::Read):
+    // the count read, 0 at the end of the output, -1 on an error.
+    virtual long read(std::span<char> into) = 0;
+    // Closes the daemon's end of the pipe, waits for the command to end and
+    // returns its wait status (-1 when it cannot be had).
+    virtual int wait() = 0;
+};
+
+struct FileSystemUsage {
+    std::uint64_t blocks = 0;
+    std::uint64_t freeBlocks = 0;
+    std::uint64_t inodes = 0;
+    std::uint64_t freeInodes = 0;
+};
+
+class Platform
+{
+public:
+    virtual ~Platform() = default;
+
+    // ---- commands
+    // Starts the command line in a shell; nullptr when it cannot be started.
+    virtual std::unique_ptr<Command> startCommand(const std::string &line, PipeMode mode) = 0;
+
+    // ---- descriptors (open(2) flags; O_CREAT makes the file with mode 0666;
+    // every descriptor is close-on-exec)
+    virtual int open(const std::string &path, int flags) = 0;
+    virtual long read(int fd, std::span<char> into) = 0;
+    virtual long readAt(int fd, std::span<char> into, std::int64_t offset) = 0;
+    virtual long write(int fd, std::span<const char> from) = 0;
+    virtual long writeAt(int fd, std::span<const char> from, std::int64_t offset) = 0;
+    virtual int close(int fd) = 0;
+    // The spidev requests on a descriptor of the SPI device.
+    virtual int ioctl(int fd, unsigned long request, void *argument) = 0;
+
+    // ---- directories and the file system
+    // Names in a directory, without "." and ".."; empty when it cannot be read.
+    virtual std::vector<std::string> listDirectory(const std::string &path) = 0;
+    virtual bool removeFile(const std::string &path) = 0;
+    virtual bool renameFile(const std::string &from, const std::string &to) = 0;
+    virtual std::optional<std::int64_t> fileSize(const std::string &path) = 0;
+    virtual std::optional<FileSystemUsage> fileSystemUsage(const std::string &path) = 0;
+
+    // ---- clock
+    // The realtime clock at full resolution, in nanoseconds since 1970.
+    virtual std::int64_t realtimeNs() = 0;
+    // Broken-down local time of a Unix second in the zone in force now.
+    virtual std::optional<std::tm> localTime(std::int64_t unixSeconds) = 0;
+    virtual void sleepSeconds(unsigned seconds) = 0;
+    virtual void sleepMicroseconds(unsigned microseconds) = 0;
+
+    // ---- threads and locks
+    // Starts a detached thread running entry.
+    virtual void startThread(std::function<void()> entry) = 0;
+    // Blocks the calling thread for good without using the processor.
+    [[noreturn]] virtual void blockForever() = 0;
+    // Takes a mutex that its holder keeps across other calls of this
+    // interface (the read-modify-write of FPGA register 2 runs two commands).
+    virtual void lock(Mutex &mutex) ACQUIRE(mutex) = 0;
+
+    // ---- the process
+    virtual void writeError(std::string_view text) = 0;
+    // Ends the whole daemon at once (abort).
+    [[noreturn]] virtual void abortProcess() = 0;
+};
+
+// Holds a mutex through Platform::lock for a read-modify-write that runs
+// commands while it holds it.
+class SCOPED_CAPABILITY PlatformLocker
+{
+public:
+    PlatformLocker(Platform &platform, Mutex &mutex) ACQUIRE(mutex) : mutex_(mutex)
+    {
+        platform.lock(mutex_);
+    }
+    ~PlatformLocker() RELEASE() { mutex_.unlock(); }
+    PlatformLocker(const PlatformLocker &) = delete;
+    PlatformLocker &operator=(const PlatformLocker &) = delete;
+
+private:
+    Mutex &mutex_;
+};
+
+// Owner of one descriptor from Platform::open: closes it once.
+class UniqueFd
+{
+public:
+    UniqueFd() = default;
+    UniqueFd(Platform &platform, int fd) : platform_(&platform), fd_(fd) {}
+    UniqueFd(UniqueFd &&other) noexcept
+        : platform_(other.platform_), fd_(std::exchange(other.fd_, -1))
+    {
+    }
+    UniqueFd &operator=(UniqueFd &&other) noexcept
+    {
+        if (this != &other) {
+            reset();
+            platform_ = other.platform_;
+            fd_ = std::exchange(other.fd_, -1);
+        }
+        return *this;
+    }
+    UniqueFd(const UniqueFd &) = delete;
+    UniqueFd &operator=(const UniqueFd &) = delete;
+    ~UniqueFd() { reset(); }
+
+    int get() const { return fd_; }
+    bool isValid() const { return fd_ >= 0; }
+    void reset()
+    {
+        if (fd_ >= 0 && platform_ != nullptr)
+            platform_->close(fd_);
+        fd_ = -1;
+    }
+
+private:
+    Platform *platform_ = nullptr;
+    int fd_ = -1;
+};
+
+} // namespace zarvent

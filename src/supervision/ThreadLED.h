@@ -1,33 +1,71 @@
-/* Supervision (Parts 5.1 to 5.5): the slow loop on the supervision thread. */
-#ifndef ZARVENT_THREADLED_H
-#define ZARVENT_THREADLED_H
+// The supervision thread: the slow loop that asks ntpd which reference it
+// follows, drives the reference indicators, keeps and logs the reference
+// name, sets the reference-valid bit, and runs the alarm, antenna and
+// factory-default checks and the indicator test, in passes of 3 seconds plus
+// the commands' run time.
+#pragma once
 
-/* ---- Part 5.1: supervision loop and reference indication (ThreadLED.c) ---- */
-/* Thread entry: set-up, "adjtimex -t 10082", then passes forever. */
-void *ThreadSrvLED(void *arg);
-/* Exports and configures the lines of Part 5.1 in order, then Leap_Time = Parse_File(). */
-void init_gpio_input(void);
-/* One pass (steps 1 to 4, without the final sleep). */
-void led_pass(void);
-/* 1 when "ntpq -p | grep '*G'" printed at least one byte. */
-int ControlRefclock(void);
-/* 1 when "ntpq -p | grep 'oG'" printed at least one byte. */
-int ControlRefPPS(void);
+#include <cstdint>
+#include <memory>
+#include <string>
 
-/* ---- Part 5.2: alarm logic (alarm.c) ---- */
-/* Alarm state, indicators 76/77, event time, reference-valid bit. Returns 0. */
-int ControlAlarm(void);
+namespace zarvent {
 
-/* ---- Part 5.3: antenna monitor (antenna.c) ---- */
-/* Antenna code, indicators 74/75, hold-off of line 85. Returns 0. */
-int ControlAntenna(void);
+class Platform;
+class Runner;
+class Gpio;
+class Registers;
+class SharedState;
+class AlarmLogic;
+class AntennaMonitor;
+class FactoryDefault;
 
-/* ---- Part 5.4: factory-default button (factory.c) ---- */
-/* Restores the factory network address and configuration files while line 88 reads 0. Returns 0. */
-int NtpDefault(void);
+// The error log for reference changes; it is bounded: past kErrorLogLimit
+// bytes it becomes errorlog.log.1 (replacing the one before) and a new log
+// begins, so a reference that flaps for weeks never fills the RAM disk.
+namespace errorlog {
+inline constexpr const char *kPath = "/ramcache/zarvent/errorlog.log";
+inline constexpr const char *kPrevious = "/ramcache/zarvent/errorlog.log.1";
+inline constexpr std::int64_t kLimit = 64 * 1024;
+} // namespace errorlog
 
-/* ---- Part 5.5: leap-second offset file (leap.c) ---- */
-/* TAI-UTC from /leap-seconds.list; -1 when it cannot be read. */
-int Parse_File(void);
+// "ntpq -p | grep '*G'": present when the system peer is the GPS reference.
+bool ControlRefclock(Runner &runner);
+// "ntpq -p | grep 'oG'": present when the PPS peer is the GPS reference.
+bool ControlRefPPS(Runner &runner);
 
-#endif
+class SupervisionThread
+{
+public:
+    SupervisionThread(Platform &platform, Runner &runner, Gpio &gpio, Registers &registers,
+                      SharedState &shared);
+    ~SupervisionThread();
+    SupervisionThread(const SupervisionThread &) = delete;
+    SupervisionThread &operator=(const SupervisionThread &) = delete;
+
+    // Exports and configures the indicator, test, button and antenna lines,
+    // then reads `Leap_Time` from the leap-second list.
+    void init_gpio_input();
+    // One pass, without its final sleep.
+    void pass();
+    // The thread: set-up, "adjtimex -t 10082", then passes forever.
+    [[noreturn]] void ThreadSrvLED();
+
+    AlarmLogic &alarm() { return *alarm_; }
+    AntennaMonitor &antenna() { return *antenna_; }
+
+private:
+    bool referenceStep();
+    void logReference(const std::string &name);
+
+    Platform &platform_;
+    Runner &runner_;
+    Gpio &gpio_;
+    Registers &registers_;
+    SharedState &shared_;
+    std::unique_ptr<AlarmLogic> alarm_;
+    std::unique_ptr<AntennaMonitor> antenna_;
+    std::unique_ptr<FactoryDefault> factory_;
+};
+
+} // namespace zarvent

@@ -1,0 +1,85 @@
+// zarvent-sim: the daemon against the simulated board.
+//   zarvent-sim --scenario FILE --out DIR [--pace P|fast] [--duration S] [--show]
+// --show redraws the demo screen every board second. The board's files stay in
+// DIR/board (for example DIR/board/ramcache/zarvent/ntp_data.txt), the run's
+// logs in DIR/logs.
+#include <signal.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "scenario.h"
+#include "view.h"
+
+namespace {
+
+// Set by SIGINT and SIGTERM: the run ends cleanly at the next board second.
+std::atomic<bool> stopRequested{false};
+static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler may store it");
+
+void onSignal(int)
+{
+    stopRequested.store(true);
+}
+
+int usage()
+{
+    std::fprintf(
+        stderr,
+        "usage: zarvent-sim --scenario FILE --out DIR [--pace P|fast] [--duration S] [--show]\n");
+    return 2;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    zarvent::sim::RunOptions options;
+    bool show = false;
+    for (int i = 1; i < argc; i++) {
+        const std::string arg = argv[i];
+        const bool hasValue = i + 1 < argc;
+        if (arg == "--scenario" && hasValue)
+            options.scenarioPath = argv[++i];
+        else if (arg == "--out" && hasValue)
+            options.outDir = argv[++i];
+        else if (arg == "--pace" && hasValue)
+            options.pace = std::strcmp(argv[++i], "fast") == 0 ? 0 : std::strtod(argv[i], nullptr);
+        else if (arg == "--duration" && hasValue)
+            options.durationS = std::strtoll(argv[++i], nullptr, 10);
+        else if (arg == "--show")
+            show = true;
+        else
+            return usage();
+    }
+    if (options.scenarioPath.empty() || options.outDir.empty())
+        return usage();
+
+    struct sigaction action {
+    };
+    action.sa_handler = onSignal;
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+    options.stop = &stopRequested;
+
+    const zarvent::sim::View view(options.outDir, options.scenarioPath, options.pace);
+    if (show)
+        options.eachSecond = [&view](const zarvent::sim::SecondView &second) {
+            view.second(second);
+        };
+    const zarvent::sim::RunResult result = zarvent::sim::runScenario(options);
+    if (!result.ok) {
+        std::fprintf(stderr, "%s\n", result.error.c_str());
+        return 1;
+    }
+    std::printf("board files: %s/board   logs: %s/logs\n", options.outDir.c_str(),
+                options.outDir.c_str());
+    if (result.daemonAborted) {
+        std::fprintf(stderr, "%s\n", result.error.c_str());
+        return 1;
+    }
+    return 0;
+}

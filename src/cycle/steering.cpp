@@ -1,0 +1,181 @@
+#include "cycle/steering.h"
+
+#include <algorithm>
+#include <cfloat>
+#include <climits>
+#include <cstdio>
+#include <vector>
+
+#include "daemon/files.h"
+#include "daemon/shared.h"
+#include "hardware/dac.h"
+#include "hardware/parsers.h"
+#include "hardware/registers.h"
+
+// The law must give the same codes on the board as on a PC: products rounded
+// to double before they are added (the build uses -ffp-contract=off) and no
+// excess precision kept in registers.
+#if FLT_EVAL_METHOD != 0
+#error "the steering law needs double arithmetic without excess precision"
+#endif
+
+namespace zarvent {
+
+namespace {
+
+constexpr const char *kCentreFile = "/usr/bin/Zarvent/dac_voltage";
+constexpr long kOffsetLimit = 10000;
+constexpr std::int32_t kDacMax = 65535;
+
+// Truncation toward zero, saturated at the 32-bit limits.
+std::int32_t toInt32(double v)
+{
+    if (v >= 2147483648.0)
+        return INT32_MAX;
+    if (v <= -2147483649.0)
+        return INT32_MIN;
+    if (v != v)
+        return 0;
+    return static_cast<std::int32_t>(v);
+}
+
+std::string twoDigits(int v)
+{
+    return formatText("%02d", v);
+}
+
+} // namespace
+
+SteeringStep steeringLaw(std::int32_t centre, long offset, std::int32_t summPrev,
+                         std::int64_t intg)
+{
+    SteeringStep r;
+    r.e = static_cast<std::int32_t>(std::clamp(offset, -kOffsetLimit, kOffsetLimit));
+    double filtered = 0.95 * static_cast<double>(summPrev);
+    filtered = filtered + 0.05 * static_cast<double>(r.e);
+    r.S = toInt32(filtered);
+    r.Intg = intg + r.e + r.S;
+    r.d = std::int64_t{r.S} - r.e;
+    double u = static_cast<double>(centre);
+    u = u + 0.4 * static_cast<double>(r.S);
+    u = u + 0.005 * static_cast<double>(r.Intg);
+    u = u - 0.05 * static_cast<double>(r.d);
+    r.u = toInt32(u);
+    return r;
+}
+
+std::uint32_t dacCode(std::int32_t u)
+{
+    return static_cast<std::uint32_t>(std::clamp(u, 0, kDacMax));
+}
+
+std::string chartFileName(const std::tm &t)
+{
+    return std::string(chart::kDirectory) + "/ptp_data_" + std::to_string(t.tm_year + 1900) +
+           "~" + twoDigits(t.tm_mon + 1) + "~" + twoDigits(t.tm_mday) + "_" +
+           twoDigits(t.tm_hour) + "-" + twoDigits(t.tm_min);
+}
+
+bool isChartFileName(const std::string &name)
+{
+    // ptp_data_YYYY~MM~DD_hh-mm
+    static constexpr std::string_view kShape = "ptp_data_9999~99~99_99-99";
+    if (name.size() != kShape.size())
+        return false;
+    for (std::size_t i = 0; i < kShape.size(); ++i) {
+        const bool digit = name[i] >= '0' && name[i] <= '9';
+        if (kShape[i] == '9' ? !digit : name[i] != kShape[i])
+            return false;
+    }
+    return true;
+}
+
+Steering::Steering(Platform &platform, Registers &registers, Dac &dac, SharedState &shared)
+    : platform_(platform), registers_(registers), dac_(dac), shared_(shared)
+{
+}
+
+void Steering::loadCentre()
+{
+    // A missing file, or one that holds no number that fits 32 bits, keeps
+    // the previous centre: "-3000000000" must not pin the DAC at full scale.
+    const auto text = readFileStart(platform_, kCentreFile, 64);
+    if (!text)
+        return;
+    if (const auto value = parseDecimal(*text))
+        DAC_VOLTAGE = *value;
+}
+
+void Steering::DAC_DEFAULTS()
+{
+    loadCentre();
+    dac_.SPIWriteInt(4, 2048);
+    // A negative centre is sent as 0, never as a huge unsigned number.
+    dac_.SPIWriteInt(3, dacCode(DAC_VOLTAGE));
+}
+
+void Steering::trimCharts(const std::string &current)
+{
+    std::vector<std::string> names;
+    for (std::string &name : platform_.listDirectory(chart::kDirectory))
+        if (isChartFileName(name))
+            names.push_back(std::move(name));
+    // The names sort as the minutes they hold.
+    std::sort(names.begin(), names.end());
+    const std::string currentName = current.substr(current.rfind('/') + 1);
+    std::size_t first = 0;
+    auto removeOldest = [&] {
+        if (names[first] == currentName)
+            return false;
+        platform_.removeFile(std::string(chart::kDirectory) + "/" + names[first]);
+        ++first;
+        return true;
+    };
+    while (names.size() - first > static_cast<std::size_t>(chart::kFilesKept) && removeOldest()) {
+    }
+    for (;;) {
+        const auto usage = platform_.fileSystemUsage(chart::kDirectory);
+        const bool tight = usage && (usage->freeBlocks * chart::kFreeQuarter < usage->blocks ||
+                                     usage->freeInodes * chart::kFreeQuarter < usage->inodes);
+        if (!tight || first == names.size() || !removeOldest())
+            break;
+    }
+}
+
+void Steering::chartPoint(std::int32_t offset)
+{
+    const std::tm t = shared_.getTimeinfo();
+    const std::string name = chartFileName(t);
+    OutputFile file(platform_, name, OutputFile::Mode::Append);
+    if (!file.isOpen())
+        return; // RAM disk full or absent: the point is dropped
+    file.write(formatText("[new Date(\"%02d/%02d/%d %02d:%02d:%02d\"), %ld],\n",
+                  t.tm_mon + 1, t.tm_mday, t.tm_year + 1900, t.tm_hour, t.tm_min, t.tm_sec,
+                          static_cast<long>(offset)));
+    file.close();
+    if (name != lastChart_) {
+        // A new minute started a new file: keep the RAM disk within bounds.
+        lastChart_ = name;
+        trimCharts(name);
+    }
+}
+
+void Steering::Calculate_offset()
+{
+    loadCentre();
+    // The offset text ControlOffset left at position 53 this cycle.
+    const long offset = parseDecimal(shared_.text(co::kOffset, 9)).value_or(0);
+    const SteeringStep s = steeringLaw(DAC_VOLTAGE, offset, Summ_prev, Intg);
+    Sync_Offset = s.e;
+    Intg = s.Intg;
+    Summ_prev = s.S;
+    Save_Sync = s.u;
+    chartPoint(Sync_Offset);
+    Save_Sync = static_cast<std::int32_t>(dacCode(Save_Sync));
+    // Register 1 = register 2 with bit 0 set; a failed read is not written.
+    if (const auto control = registers_.Read_Control())
+        registers_.write(1, *control | 1u, PipeMode::Write);
+    dac_.SPIWriteInt(3, static_cast<unsigned>(Save_Sync));
+}
+
+} // namespace zarvent

@@ -1,0 +1,49 @@
+// The daemon: its parts wired at start, the RAM disk and the three threads.
+#pragma once
+
+#include <memory>
+
+#include "daemon/shared.h"
+#include "platform/platform.h"
+
+namespace zarvent {
+
+class Runner;
+class Gpio;
+class Registers;
+class Dac;
+class FpgaThread;
+class SupervisionThread;
+class CycleThread;
+
+class Daemon
+{
+public:
+    explicit Daemon(Platform &platform);
+    ~Daemon();
+    Daemon(const Daemon &) = delete;
+    Daemon &operator=(const Daemon &) = delete;
+
+    // The RAM disk, the output directory, the serial console, cleared
+    // statistics, the marker files and `timeinfo`, before any thread starts.
+    void CreateRAMDisk();
+    // Starts the FPGA, supervision and cycle threads, in this order.
+    void CreateThreads();
+    // main(): both of the above, then the main thread waits for good.
+    void run();
+
+    SharedState &shared() { return shared_; }
+
+private:
+    Platform &platform_;
+    SharedState shared_;
+    std::unique_ptr<Runner> runner_;
+    std::unique_ptr<Gpio> gpio_;
+    std::unique_ptr<Registers> registers_;
+    std::unique_ptr<Dac> dac_;
+    std::unique_ptr<FpgaThread> fpga_;
+    std::unique_ptr<SupervisionThread> supervision_;
+    std::unique_ptr<CycleThread> cycle_;
+};
+
+} // namespace zarvent

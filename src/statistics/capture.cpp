@@ -1,0 +1,138 @@
+#include "statistics/capture.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <linux/spi/spidev.h>
+
+#include "daemon/files.h"
+#include "hardware/registers.h"
+#include "hardware/runner.h"
+#include "platform/platform.h"
+
+namespace zarvent {
+
+namespace {
+
+constexpr const char *kLockFile = "/ftpdir/lock";
+constexpr const char *kStatFile = "/ftpdir/stat.txt";
+constexpr const char *kDevice = "/dev/spidev1.0";
+constexpr std::uint32_t kRecordsStart = 2;
+constexpr int kLongRecords = 64;
+constexpr std::uint32_t kLongRecord = 13;
+constexpr std::uint32_t kShortRecord = 9;
+constexpr int kTableLines = 32;
+
+void bytesDown(std::string &out, const std::uint8_t *bytes, int from, int to)
+{
+    char hex[3];
+    for (int i = from; i >= to; --i) {
+        std::snprintf(hex, sizeof hex, "%.2x", bytes[i]);
+        out += hex;
+    }
+}
+
+} // namespace
+
+std::string statTables(const std::uint8_t *rx, std::uint32_t frameLength)
+{
+    std::string out;
+    std::uint32_t offset = kRecordsStart;
+    for (int k = 0; k < kLongRecords && offset + kLongRecord <= frameLength;
+         ++k, offset += kLongRecord) {
+        if (k == 0)
+            out += " time2*\t     t1\n";
+        else if (k == kTableLines)
+            out += " time3*\t     t1\n";
+        bytesDown(out, rx + offset, 11, 8); // byte 12 is not printed
+        out += '\t';
+        bytesDown(out, rx + offset, 7, 0);
+        out += '\n';
+    }
+    for (int k = 0; offset + kShortRecord <= frameLength; ++k, offset += kShortRecord) {
+        if (k == 0)
+            out += "time2\n";
+        else if (k == kTableLines)
+            out += "time3\n";
+        bytesDown(out, rx + offset, 7, 0); // byte 8 is not printed
+        out += '\n';
+    }
+    return out;
+}
+
+void StatCapture::pabort(std::string_view message)
+{
+    const int error = errno;
+    platform_.writeError(std::string(message) + ": " + std::strerror(error) + "\n");
+    platform_.abortProcess();
+    std::abort(); // not reached: abortProcess does not return
+}
+
+std::string StatCapture::counterLowByte(const std::string &line)
+{
+    // One number from column 6: the counter's low byte. A read that failed
+    // is written as 0.
+    const auto value = registers_.read(line, 5, 2);
+    return std::to_string(value ? (*value & 0xFF) : 0) + "\n";
+}
+
+void StatCapture::Stat_capture()
+{
+    // On every call; a read of register 48 that failed is not written back.
+    if (const auto r48 = registers_.read(reg::kRead48, 5, 1)) {
+        buffer = "./spiWrite -m 1 -l 3 -d 1 1 " + std::to_string(*r48 | 4u) + " 0";
+        runner_.run(buffer, PipeMode::Read);
+    }
+
+    const std::uint8_t old = scount;
+    scount = static_cast<std::uint8_t>(old + 1);
+    if (old != 1)
+        return;
+
+    touchFile(platform_, kLockFile);
+    dataLen = kFrameLength;
+    bits = 8;
+
+    UniqueFd device(platform_, platform_.open(kDevice, O_RDWR));
+    if (!device.isValid())
+        pabort("can't open device");
+    if (platform_.ioctl(device.get(), SPI_IOC_WR_MODE, &smode) == -1)
+        pabort("can't set spi mode");
+    if (platform_.ioctl(device.get(), SPI_IOC_RD_MODE, &smode) == -1)
+        pabort("can't get spi mode");
+    if (platform_.ioctl(device.get(), SPI_IOC_WR_BITS_PER_WORD, &bits) == -1)
+        pabort("can't set bits per word");
+    if (platform_.ioctl(device.get(), SPI_IOC_RD_BITS_PER_WORD, &bits) == -1)
+        pabort("can't get bits per word");
+
+    tx_.fill(0);
+    tx_[0] = 0x00;
+    tx_[1] = 0x31;
+    rx_.fill(0);
+    spi_ioc_transfer transfer{};
+    transfer.tx_buf = reinterpret_cast<std::uintptr_t>(tx_.data());
+    transfer.rx_buf = reinterpret_cast<std::uintptr_t>(rx_.data());
+    transfer.len = dataLen;
+    transfer.bits_per_word = bits;
+    if (platform_.ioctl(device.get(), SPI_IOC_MESSAGE(1), &transfer) < 1)
+        pabort("can't send spi message");
+
+    // The stat file is opened only now, after a good exchange: a device that
+    // fails ends the daemon with the previous file whole. One that cannot be
+    // opened loses this exchange, and the lock goes as after any other.
+    OutputFile stat(platform_, kStatFile, OutputFile::Mode::Truncate);
+    if (stat.isOpen())
+        stat.write(statTables(rx_.data(), dataLen));
+    device.reset();
+    scount = 0;
+    if (stat.isOpen()) {
+        stat.write(counterLowByte(reg::kRead26));
+        stat.write(counterLowByte(reg::kRead24));
+        stat.close();
+    }
+    runner_.run("rm /ftpdir/lock", PipeMode::Read);
+}
+
+} // namespace zarvent

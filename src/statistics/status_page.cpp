@@ -1,0 +1,146 @@
+#include "statistics/status_page.h"
+
+#include <cerrno>
+#include <cinttypes>
+#include <climits>
+#include <cmath>
+#include <cstring>
+
+#include "daemon/files.h"
+#include "daemon/shared.h"
+#include "hardware/parsers.h"
+#include "hardware/runner.h"
+#include "platform/platform.h"
+
+namespace zarvent {
+
+namespace {
+
+constexpr const char *kPage = "/ramcache/zarvent/ntp_data.txt";
+constexpr const char *kLock = "/ramcache/zarvent/lock";
+constexpr const char *kEmulationFile = "/usr/bin/Zarvent/nmea_emul_flag.txt";
+
+// a = (1 - t) / (1 + t), b = t / (1 + t), t = tan(pi * 0.001): a + 2b = 1,
+// the filter's gain at zero frequency is 1.
+constexpr double kA = 0.9937364715416146;
+constexpr double kB = 0.0031317642291927056;
+
+std::int32_t toInt32(double v)
+{
+    if (v >= 2147483647.0)
+        return INT32_MAX;
+    if (v <= -2147483648.0)
+        return INT32_MIN;
+    if (v != v)
+        return 0;
+    return static_cast<std::int32_t>(v);
+}
+
+} // namespace
+
+void OffsetFilter::run(long x, std::int32_t &mean, std::int32_t &jitter)
+{
+    const float z = z_prev;
+    const float q = dz_prev;
+    double zt = kA * static_cast<double>(z);
+    zt = zt + kB * static_cast<double>(x);
+    const float z1 = static_cast<float>(zt);
+    const float y = z + z1;
+    const float e = y - static_cast<float>(x);
+    const float e2 = e * e;
+    double qt = kA * static_cast<double>(q);
+    qt = qt + kB * static_cast<double>(e2);
+    const float q1 = static_cast<float>(qt);
+    const float v = q + q1;
+    z_prev = z1;
+    dz_prev = q1;
+    mean = toInt32(static_cast<double>(y));
+    jitter = toInt32(std::sqrt(static_cast<double>(v)));
+}
+
+const char *antennaText(unsigned code)
+{
+    switch (code) {
+    case 5:
+        return "Short";
+    case 6:
+        return "Off";
+    case 7:
+        return "Ok";
+    default:
+        return "      ";
+    }
+}
+
+bool StatusPage::emulationOn()
+{
+    // Only the first character counts: "On" for the digit 1.
+    const auto text = readFileStart(platform_, kEmulationFile, 1);
+    return text && parseDecimal(*text).value_or(0) == 1;
+}
+
+void StatusPage::FileWrite()
+{
+    // A lock that cannot be created (RAM disk missing) does not stop the
+    // page: the page has its own failure path.
+    touchFile(platform_, kLock);
+
+    OutputFile page(platform_, kPage, OutputFile::Mode::Truncate);
+    if (!page.isOpen()) {
+        const int error = errno;
+        platform_.writeError(std::string("Cannot open file\n: ") + std::strerror(error) + "\n");
+        return; // the lock stays until a later cycle removes it
+    }
+
+    const DateTimeSlot now = shared_.dateTime(co::kNow);
+    page.write("<b>UTC</b>");
+    page.write(formatText("\t\t<b>Date:</b>\t%s\n\t\t<b>Time:</b>\t%s\n", now.date.c_str(),
+                      now.time.c_str()));
+
+    const long x = parseDecimal(shared_.text(co::kOffset, 9)).value_or(0);
+    std::int32_t mean = 0;
+    std::int32_t jitter = shared_.Jitter;
+    if (shared_.Sync_En == 1) {
+        filter_.run(x, mean, jitter);
+        shared_.Jitter = jitter;
+    }
+    const std::string reference = shared_.text(co::kRefName, co::kNameField - 1);
+    page.write(formatText("<b>Current Offset [ns]:</b>\t%ld\n<b>Mean Offset [ns]:</b>\t%ld\n"
+                      "<b>Jitter [ns]:</b>\t\t%ld\n<b>Reference time:</b>    %s\n",
+                      x, static_cast<long>(mean), static_cast<long>(jitter), reference.c_str()));
+
+    page.write(shared_.Alarm != 0 ? "<b>Alarm at:</b> " : "<b>Uptime from:</b> ");
+    const DateTimeSlot event = shared_.dateTime(co::kEvent);
+    page.write(formatText("\t<b>Date:</b>\t%s\n\t\t<b>Time:</b>\t%s\n", event.date.c_str(),
+                      event.time.c_str()));
+
+    page.write("\n<b>PTP Packets:\t\tLast\tAverage</b>\n");
+    const std::tm t = shared_.getTimeinfo();
+    const StatOut &st = shared_.Stat_Out;
+    const int s = t.tm_sec > 59 ? 59 : t.tm_sec;
+    const int previous = s == 0 ? 59 : s - 1;
+    const int minute = t.tm_hour * 60 + t.tm_min;
+    const int day = t.tm_mday >= 1 && t.tm_mday <= 31 ? t.tm_mday : 0;
+    auto low32 = [](std::uint64_t v) { return static_cast<unsigned>(static_cast<std::uint32_t>(v)); };
+    page.write(formatText(
+        "<b>Request per Second:</b>\t%u\t%.2f\n<b>Response per Second:</b>\t%u\t%.2f\n"
+        "<b>Request per Minute:</b>\t%u\t%.2f\n<b>Response per Minute:</b>\t%u\t%.2f\n"
+        "<b>Request per Hour:</b>\t%" PRIu64 "\t%.2f\n<b>Response per Hour:</b>\t%" PRIu64
+        "\t%.2f\n<b>Request per Day:</b>\t%" PRIu64 "\n<b>Response per Day:</b>\t%" PRIu64 "\n",
+        low32(st.ReqSec[previous]), static_cast<double>(st.ReqAvg), low32(st.RespSec[previous]),
+        static_cast<double>(st.RespAvg), low32(st.ReqMin[minute]),
+        static_cast<double>(st.ReqMinSum), low32(st.RespMin[minute]),
+        static_cast<double>(st.RespMinSum), st.ReqHour[t.tm_hour],
+        static_cast<double>(st.ReqHourSum), st.RespHour[t.tm_hour],
+        static_cast<double>(st.RespHourSum), st.ReqDay[day], st.RespDay[day]));
+
+    page.write(formatText("\n<b>Antenna:</b> %s\n", antennaText(shared_.byte(co::kAntenna))));
+    page.write(emulationOn() ? "<b>GPS Emulation:</b>\tOn\n" : "<b>GPS Emulation:</b>\tOff\n");
+
+    const DateTimeSlot end = shared_.dateTime(co::kNow);
+    page.write(formatText("%s\n%s\n", end.date.c_str(), end.time.c_str()));
+    page.close();
+    runner_.run(std::string("rm ") + kLock, PipeMode::Read);
+}
+
+} // namespace zarvent

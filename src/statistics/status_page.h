@@ -1,0 +1,52 @@
+// The status page /ramcache/zarvent/ntp_data.txt, an HTML fragment the web
+// interface shows, rewritten whole every cycle under /ramcache/zarvent/lock:
+// the date and time, the offset with its filtered mean and jitter, the
+// reference, the uptime or alarm time, the packet statistics, the antenna and
+// the GPS emulation flag.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace zarvent {
+
+class Platform;
+class Runner;
+class SharedState;
+
+// The offset filter: a first-order low pass (bilinear transform, cut-off at
+// 0.001 of the cycle rate, time constant about 159 cycles) on the offset and
+// on its squared deviation from the mean.
+struct OffsetFilter {
+    float z_prev = 0.0f;
+    float dz_prev = 0.0f;
+    // Runs one sample x: the mean offset M and the jitter J.
+    void run(long x, std::int32_t &mean, std::int32_t &jitter);
+};
+
+// The antenna line of the page for an antenna code: 5 "Short", 6 "Off",
+// 7 "Ok", anything else six blanks.
+const char *antennaText(unsigned code);
+
+class StatusPage
+{
+public:
+    StatusPage(Platform &platform, Runner &runner, SharedState &shared)
+        : platform_(platform), runner_(runner), shared_(shared)
+    {
+    }
+
+    void FileWrite();
+
+    const OffsetFilter &filter() const { return filter_; }
+
+private:
+    bool emulationOn();
+
+    Platform &platform_;
+    Runner &runner_;
+    SharedState &shared_;
+    OffsetFilter filter_;
+};
+
+} // namespace zarvent

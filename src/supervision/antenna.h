@@ -1,0 +1,36 @@
+// The GPS antenna feed: lines 86 (bit 0, 0 "Off"), 87 (bit 1, 0 "Short") and
+// 85 (bit 2, the feed as driven) make the antenna code for the status page;
+// indicators 74/75 show it; a short switches the feed (line 85) off and on
+// again once it has lasted more than 4 seconds.
+#pragma once
+
+#include <cstdint>
+
+namespace zarvent {
+
+class Platform;
+class Gpio;
+class SharedState;
+
+class AntennaMonitor
+{
+public:
+    AntennaMonitor(Platform &platform, Gpio &gpio, SharedState &shared)
+        : platform_(platform), gpio_(gpio), shared_(shared)
+    {
+    }
+
+    void ControlAntenna();
+
+    bool heldOff() const { return over != 0; }
+
+private:
+    Platform &platform_;
+    Gpio &gpio_;
+    SharedState &shared_;
+    std::uint8_t over = 0;   // 1 while line 85 is held off after a short
+    std::int64_t event = 0;  // when it was switched off, in whole seconds
+    std::int64_t now_en = 0; // the latest check of the hold-off
+};
+
+} // namespace zarvent

@@ -1,0 +1,30 @@
+// The factory-default button on line 88 (0: pressed): the factory network
+// address at once, and the factory copies of the NTP, resolver and network
+// configuration in place, each replaced file kept with ".bak" appended.
+// Line 78 is high meanwhile.
+#pragma once
+
+namespace zarvent {
+
+class Platform;
+class Runner;
+class Gpio;
+
+class FactoryDefault
+{
+public:
+    FactoryDefault(Platform &platform, Runner &runner, Gpio &gpio)
+        : platform_(platform), runner_(runner), gpio_(gpio)
+    {
+    }
+
+    // True when the button was pressed and the files restored.
+    bool NtpDefault();
+
+private:
+    Platform &platform_;
+    Runner &runner_;
+    Gpio &gpio_;
+};
+
+} // namespace zarvent

@@ -1,0 +1,143 @@
+# A board image for the production zarvent, to be sourced by the sandbox test
+# and the benchmarks: a chroot with busybox utilities, dash as /bin/sh, fake
+# board tools that print the real formats and log their command lines, and a
+# sysfs tree. The daemon runs unchanged inside its own network, mount and PID
+# namespaces, without the capabilities that reach the clock, modules, reboot
+# or raw devices, in the bounding and in the inheritable set.
+#   image_check              exit 77 (skipped) when the image cannot be made here
+#   image_make ROOT ZARVENT  build the image in ROOT with the daemon binary
+#   image_start ROOT PULSE   start the daemon (PULSE 1: line 19 pulses once a second)
+#   image_stop               end it
+#   image_daemon_pid ROOT    the daemon's process id, as this machine sees it
+
+image_skip() { echo "SKIPPED: $*"; exit 77; }
+
+image_check() {
+    [ "$(id -u)" = 0 ] || image_skip "needs root for chroot and namespaces"
+    BUSYBOX=$(command -v busybox || true)
+    [ -n "$BUSYBOX" ] || image_skip "busybox is not installed (apt-get install busybox-static)"
+    { ldd "$BUSYBOX" 2>&1 || true; } | grep -q "not a dynamic" ||
+        image_skip "busybox is not statically linked (apt-get install busybox-static)"
+    [ -x /bin/dash ] || image_skip "dash is not installed"
+    command -v setpriv >/dev/null || image_skip "setpriv (util-linux) is not installed"
+    unshare --net --mount --pid --fork true 2>/dev/null ||
+        image_skip "unshare --net --mount --pid is not permitted here"
+}
+
+image_tool() { # image_tool ROOT PATH BODY: a script that logs its command line first
+    local path=$1$2
+    mkdir -p "$(dirname "$path")"
+    printf '#!/bin/sh\necho "%s $*" >> /log/commands.log\n%s\n' "$(basename "$2")" "$3" > "$path"
+    chmod 755 "$path"
+}
+
+image_make() {
+    local root=$1 zarvent=$2
+    mkdir -p "$root"/{bin,sbin,usr/bin/Zarvent,etc/network,log,fpga,tmp,ftpdir,dev,sys/class/gpio}
+    cp "$BUSYBOX" "$root/bin/busybox"
+    # Only harmless utilities come from busybox. The shell is dash: busybox's
+    # shell runs its own applets before it looks at PATH, so "adjtimex -t
+    # 10082" would reach the real clock instead of the fake below.
+    for a in echo rm touch mkdir mv cp tail df grep cat sleep usleep date printf kill ls wc expr true; do
+        ln -s busybox "$root/bin/$a"
+    done
+    cp /bin/dash "$root/bin/sh"
+    local lib
+    for lib in $( (ldd "$zarvent"; ldd /bin/dash) | grep -o '/[^ ]*' | sort -u); do
+        mkdir -p "$root$(dirname "$lib")"
+        cp -L "$lib" "$root$lib"
+    done
+    cp "$zarvent" "$root/usr/bin/Zarvent/zarvent"
+    echo bitstream > "$root/usr/bin/Zarvent/Version_1.rbf"
+    echo 32768 > "$root/usr/bin/Zarvent/dac_voltage"
+    echo 0 > "$root/usr/bin/Zarvent/enable.cfg"
+    echo 0 > "$root/usr/bin/Zarvent/nmea_emul_flag.txt"
+    printf '3692217600\t37\t# 1 Jan 2017\n' > "$root/leap-seconds.list"
+
+    # spiWrite: five lines, the fifth the bytes received; registers in /fpga.
+    image_tool "$root" /usr/bin/Zarvent/spiWrite '
+m=$2; d=$6; reg=$7
+echo "spiWrite: mode $m length $4 data $d"
+echo "register $reg"
+echo "tx: $*"
+echo "transfer complete"
+line="AA AA"; i=0
+if [ "$m" = 0 ]; then
+  v=0; [ -f /fpga/reg$reg ] && v=$(cat /fpga/reg$reg)
+  while [ $i -lt $d ]; do line="$line $(printf %02X $(( (v >> (8*i)) & 255 )))"; i=$((i+1)); done
+else
+  while [ $i -lt $d ]; do line="$line A5"; i=$((i+1)); done
+fi
+echo "$line"'
+    image_tool "$root" /usr/bin/Zarvent/wrFPGA 'echo "wrFPGA: loading"; echo "wrFPGA: loaded"'
+    image_tool "$root" /bin/ntpq '
+if [ "$1" = "-p" ]; then
+  echo "     remote           refid      st t when poll reach   delay   offset  jitter"
+  echo "=============================================================================="
+  echo "*GPS_NMEA(0)     .GPS.            0 l    5   16  377    0.000   -0.012   0.003"
+else
+  echo "associd=0 status=0000 no events, clk_unspec,"
+  echo "device=\"NMEA GPS Clock\","
+  echo "timecode=\"\$GPRMC,132746.00,A,5540.1234,N,03736.5678,E,0.00,0.00,161126,,,A*6C\","
+  echo "poll=3418, noreply=0, badformat=0, baddata=0,"
+  echo "stratum=0, refid=GPS, flags=5"
+fi'
+    image_tool "$root" /bin/ntptime '
+s=$(date -u +%s)
+echo "ntp_gettime() returns code 0 (OK)"
+printf "  time %08x.00000000  %s.000, (.000000),\n" $((s + 2208988800)) "$(date -u -d @$s "+%a, %b %e %Y %k:%M:%S")"
+echo "  maximum error 16000 us, estimated error 16 us, TAI offset 37"'
+    local t
+    for t in /bin/adjtimex /bin/ifconfig /bin/mkfs /bin/mount /sbin/agetty; do image_tool "$root" $t ':'; done
+    image_tool "$root" /usr/bin/mversion 'echo "board 1.0"'
+    echo 40 > "$root/fpga/reg26"
+    echo 38 > "$root/fpga/reg24"
+    echo 5 > "$root/fpga/reg14"
+
+    # The sysfs tree: every line the daemon uses, as the system exports it.
+    touch "$root/sys/class/gpio/export"
+    local n
+    for n in 13 19 70 71 72 73 74 75 76 77 78 79 85 86 87 88 96 106 118 176 182; do
+        mkdir -p "$root/sys/class/gpio/gpio$n"
+        echo in > "$root/sys/class/gpio/gpio$n/direction"
+        echo none > "$root/sys/class/gpio/gpio$n/edge"
+        echo 0 > "$root/sys/class/gpio/gpio$n/value"
+    done
+    for n in 79 85 86 87 88 176; do echo 1 > "$root/sys/class/gpio/gpio$n/value"; done
+
+    cat > "$root/start.sh" <<'EOS'
+#!/bin/sh
+# The FPGA's pulse: line 19 high for 100 ms of every second.
+if [ "$1" = 1 ]; then
+  ( while true; do
+      echo 1 > /sys/class/gpio/gpio19/value; echo pulse >> /log/pulses; usleep 100000
+      echo 0 > /sys/class/gpio/gpio19/value; usleep 900000
+    done ) &
+fi
+cd /usr/bin/Zarvent && exec ./zarvent > /log/stdout 2> /log/stderr
+EOS
+    chmod 755 "$root/start.sh"
+}
+
+image_start() {
+    local root=$1 pulse=$2
+    setpriv --inh-caps=-all --bounding-set -sys_time,-sys_module,-sys_boot,-sys_rawio \
+        unshare --net --mount --pid --fork --kill-child sh -c \
+        "mount --make-rprivate / && touch '$root/dev/null' && mount --bind /dev/null '$root/dev/null' &&
+         exec chroot '$root' /bin/sh /start.sh $pulse" &
+    IMAGE_PID=$!
+}
+
+image_stop() {
+    [ -n "${IMAGE_PID:-}" ] && kill -9 "$IMAGE_PID" 2>/dev/null || true
+    wait 2>/dev/null || true
+}
+
+image_daemon_pid() {
+    local p
+    for p in /proc/[0-9]*; do
+        [ "$(readlink "$p/root" 2>/dev/null)" = "$1" ] && [ "$(cat "$p/comm" 2>/dev/null)" = zarvent ] &&
+            { echo "${p#/proc/}"; return 0; }
+    done
+    return 1
+}

@@ -1,0 +1,326 @@
+// The one-second cycle on the virtual board: the driver, the time hand-over,
+// the offset and its qualification, the relay reset, the client indicator and
+// the steering with its chart files.
+#include "support/fixture.h"
+
+#include "cycle/ThreadINT.h"
+#include "cycle/client.h"
+#include "cycle/handover.h"
+#include "cycle/offset.h"
+#include "cycle/relay.h"
+#include "cycle/steering.h"
+#include "hardware/dac.h"
+
+namespace zarvent::test {
+namespace {
+
+constexpr std::int64_t kSecondUs = 1'000'000;
+
+class CycleTest : public BoardTest
+{
+protected:
+    CycleTest()
+    {
+        shared.Leap_Time = 37;
+        board.setFpgaConfigured(true);
+        board.provideLine(19, false, 0);
+    }
+    // Polls line 19 every 500 µs for the given virtual time.
+    void pollFor(std::int64_t us)
+    {
+        for (const std::int64_t end = board.nowUs() + us; board.nowUs() < end;) {
+            cycle.poll();
+            board.sleepMicroseconds(500);
+        }
+    }
+    // One cycle at the top of each of the next `count` seconds.
+    void cycles(int count)
+    {
+        for (int i = 0; i < count; ++i) {
+            board.setNowUs((board.nowUs() / kSecondUs + 1) * kSecondUs);
+            cycle.runCycle();
+        }
+    }
+    std::size_t count(const std::string &line) const { return board.countCommand(line); }
+
+    Dac dac{board, gpio};
+    CycleThread cycle{board, runner, gpio, registers, dac, shared};
+};
+
+TEST_F(CycleTest, OneCyclePerHighPhase)
+{
+    board.setPulse(19, 900000); // high for 900 ms of each second, from the start
+    cycle.setup();
+    pollFor(2 * kSecondUs + 500000);
+    EXPECT_EQ(count(reg::kRead14), 3u);
+
+    // Once a cycle has run, a low read followed by a high one in the same
+    // poll does not arm the next cycle.
+    board.setPulse(19, 0);
+    board.setInput(19, 1);
+    board.queueReads(19, {0, 1});
+    pollFor(10000);
+    EXPECT_EQ(count(reg::kRead14), 3u);
+    board.setInput(19, 0);
+    pollFor(1000);
+    board.setInput(19, 1);
+    pollFor(1000);
+    EXPECT_EQ(count(reg::kRead14), 4u);
+}
+
+TEST_F(CycleTest, SetupOwnsTheDacLines)
+{
+    board.writeFile("/usr/bin/Zarvent/dac_voltage", "33000\n");
+    cycle.setup();
+    EXPECT_EQ(board.edge(19), "rising");
+    EXPECT_EQ(board.direction(106), "out");
+    const auto words = board.dacWords();
+    ASSERT_EQ(words.size(), 2u);
+    EXPECT_EQ(words[0].word, 0x408000u);
+    EXPECT_EQ(words[1].word, 0x380E80u);
+    EXPECT_EQ(shared.dateTime(co::kEvent).time, "13:27:00");
+}
+
+TEST_F(CycleTest, CycleTimeIsTheNearestSecond)
+{
+    // A pulse seen 3 ms before the boundary belongs to the coming second.
+    board.setNowUs(kStart * kSecondUs - 3000);
+    cycle.runCycle();
+    const std::tm t = shared.getTimeinfo();
+    EXPECT_EQ(t.tm_min, 27);
+    EXPECT_EQ(t.tm_sec, 0);
+}
+
+TEST_F(CycleTest, QualificationGatesHandOverAndSteering)
+{
+    dac.configureLines();
+    board.setRegister(2, 0x02);
+    cycles(59);
+    EXPECT_EQ(shared.Sync_En.load(), 0);
+    EXPECT_TRUE(registerWrites().empty());
+    cycles(1); // the 60th valid cycle steers at once, the hand-over waits
+    EXPECT_EQ(shared.Sync_En.load(), 1);
+    EXPECT_EQ(registerWrites(),
+              (std::vector<std::string>{"./spiWrite -m 1 -l 3 -d 1 1 3 0",
+                                        "./spiWrite -m 1 -l 3 -d 1 1 3 0"}));
+    EXPECT_EQ(board.dacWords().size(), 2u);
+    board.clearCommands();
+    board.setRmcStatus('V');
+    cycles(1); // hands the time over, then loses the receiver: no steering
+    EXPECT_EQ(shared.Sync_En.load(), 0);
+    EXPECT_EQ(count("/usr/bin/Zarvent/spiWrite -m 1 -l 3 -d 1 10 1\n"), 1u);
+    EXPECT_EQ(count("./spiWrite -m 1 -l 3 -d 1 1 2 0"), 1u);
+    EXPECT_EQ(board.dacWords().size(), 2u);
+    // The first invalid cycle after 59 valid ones starts the count anew.
+    board.setRmcStatus('A');
+    cycles(59);
+    board.setRmcStatus('V');
+    cycles(1);
+    board.setRmcStatus('A');
+    cycles(59);
+    EXPECT_EQ(shared.Sync_En.load(), 0);
+    cycles(1);
+    EXPECT_EQ(shared.Sync_En.load(), 1);
+}
+
+TEST_F(CycleTest, ReceiverQueryThatCannotStartChangesNothing)
+{
+    shared.Sync_En = 1;
+    board.failCommand("ntpq -c clockvar");
+    cycle.offset().Nav_Parse();
+    EXPECT_EQ(shared.Sync_En.load(), 1);
+    EXPECT_TRUE(registerWrites().empty());
+    board.onCommand("ntpq -c clockvar", "associd=0 status=0000\n");
+    cycle.offset().Nav_Parse(); // too short: no valid data
+    EXPECT_EQ(shared.Sync_En.load(), 0);
+}
+
+class HandoverTest : public CycleTest
+{
+protected:
+    // 2026-11-16 13:27:46 UTC: ntptime shows eea58352.
+    static constexpr std::int64_t kAt = (kStart + 46) * kSecondUs + 121000;
+    TimeHandover &handover = cycle.handover();
+};
+
+TEST_F(HandoverTest, WorkedExample)
+{
+    board.onCommand("ntptime", ntptimeAt(kAt));
+    handover.setTransCount(5);
+    const auto reading = ControlTime(runner, shared, co::kNow);
+    ASSERT_TRUE(reading);
+    board.clearCommands();
+    // The alarm thread may rewrite the shared stamp meanwhile: the hand-over
+    // uses this cycle's own readings.
+    shared.put(co::kStamp, "eea58300.00000000 ");
+    handover.Send_Time(*reading);
+    EXPECT_EQ(lines(), (std::vector<std::string>{
+                           "/usr/bin/Zarvent/spiWrite -m 1 -l 3 -d 1 10 5\n",
+                           "/usr/bin/Zarvent/spiWrite -m 1 -l 8 -d 6 3 248 4 251 106 0 0\n",
+                           "ntptime", "/usr/bin/Zarvent/spiWrite -m 1 -l 3 -d 1 11 5\n"}));
+    EXPECT_EQ(handover.transCount(), 6);
+    EXPECT_EQ(shared.get(co::kNow, 25), std::string("Nov 16 2026 13:27:46.121") + '\0');
+}
+
+TEST_F(HandoverTest, SecondThatRollsOverLeavesTheHandOverOpen)
+{
+    board.onCommandOnce("ntptime", ntptimeAt(kAt));
+    board.onCommandOnce("ntptime", ntptimeAt(kAt + 900000));
+    handover.setTransCount(5);
+    handover.Send_Time(*ControlTime(runner, shared, co::kNow));
+    EXPECT_EQ(count("/usr/bin/Zarvent/spiWrite -m 1 -l 3 -d 1 11 5\n"), 0u);
+    EXPECT_EQ(handover.transCount(), 5);
+
+    board.onCommand("ntptime", ntptimeAt(kAt));
+    handover.setTransCount(255);
+    handover.Send_Time(*ControlTime(runner, shared, co::kNow));
+    EXPECT_EQ(count("/usr/bin/Zarvent/spiWrite -m 1 -l 3 -d 1 11 255\n"), 1u);
+    EXPECT_EQ(handover.transCount(), 1);
+}
+
+TEST_F(HandoverTest, TimeInAnotherFormIsNoReading)
+{
+    shared.Sync_En = 1;
+    ControlTime(runner, shared, co::kEvent);
+    const std::string before = shared.get(0, co::kSize);
+    // ntpsec's ISO line, the same every time: neither the page nor a
+    // hand-over may take it.
+    board.onCommand("ntptime", "ntp_gettime() returns code 0 (OK)\n"
+                               "  time eeade443.45e05000 2026-11-22T21:59:31.272Z, (.272954),\n");
+    EXPECT_FALSE(ControlTime(runner, shared, co::kNow));
+    EXPECT_EQ(shared.get(0, co::kSize), before);
+    cycle.runCycle();
+    EXPECT_EQ(count("/usr/bin/Zarvent/spiWrite -m 1 -l 3 -d 1 10 1\n"), 0u);
+    EXPECT_EQ(shared.get(co::kStamp, 18), before.substr(co::kStamp, 18));
+}
+
+TEST_F(CycleTest, OffsetTextAndJitterBlocks)
+{
+    OffsetReadout &offset = cycle.offset();
+    board.setRegister(14, 50000000);
+    EXPECT_EQ(offset.ControlOffset(), -500000000);
+    EXPECT_EQ(shared.text(co::kOffset, 9), "-5000000");
+    board.setRegister(14, 5);
+    for (int i = 1; i < 127; ++i)
+        offset.ControlOffset();
+    EXPECT_EQ(shared.Jitter, 0);
+    board.setRegister(14, 99999995);
+    offset.ControlOffset(); // the 128th ends the block
+    EXPECT_EQ(shared.Jitter, 500000050);
+    board.setRegister(14, 5);
+    for (int i = 0; i < 128; ++i)
+        offset.ControlOffset();
+    EXPECT_EQ(shared.Jitter, 100); // the next block starts from +50
+    board.setRegisterToolFault(sim::RegisterToolFault::Garbage);
+    EXPECT_EQ(offset.ControlOffset(), 0);
+}
+
+TEST_F(CycleTest, RelayResetFiveSecondsAfterAnEvent)
+{
+    RelayReset relay(registers);
+    board.setRegister(2, 0x01);
+    board.setRegister(28, 1);
+    relay.Relay_Reset(100);
+    board.setRegister(28, 0); // gone at the next read: the pulse still comes
+    for (std::int64_t t = 101; t <= 104; ++t)
+        relay.Relay_Reset(t);
+    EXPECT_TRUE(registerWrites().empty());
+    relay.Relay_Reset(105);
+    EXPECT_EQ(registerWrites(), (std::vector<std::string>{"./spiWrite -m 1 -l 3 -d 1 2 3 0",
+                                                          "./spiWrite -m 1 -l 3 -d 1 2 1 0"}));
+    board.clearCommands();
+    board.setRegister(28, 3);
+    relay.Relay_Reset(200);
+    board.setRegister(28, 0);
+    relay.Relay_Reset(205); // both in one call: bit 1 first
+    EXPECT_EQ(registerWrites(), (std::vector<std::string>{
+                                    "./spiWrite -m 1 -l 3 -d 1 2 3 0", "./spiWrite -m 1 -l 3 -d 1 2 1 0",
+                                    "./spiWrite -m 1 -l 3 -d 1 2 5 0", "./spiWrite -m 1 -l 3 -d 1 2 1 0"}));
+}
+
+TEST_F(CycleTest, ClientIndicatorFlashesOnTheLowByte)
+{
+    ClientIndicator client(board, gpio, registers);
+    for (auto [responses, flash] : {std::pair{0, false}, {256, false}, {65535, true}, {1, true}}) {
+        board.clearCommands();
+        board.setRegister(26, static_cast<std::uint64_t>(responses));
+        client.Service();
+        client.ReadNtpCli();
+        EXPECT_EQ(count("echo 1 > /sys/class/gpio/gpio71/value"), flash ? 1u : 0u) << responses;
+        EXPECT_EQ(lines().back(), "echo 0 > /sys/class/gpio/gpio71/value");
+    }
+}
+
+class SteeringTest : public CycleTest
+{
+protected:
+    SteeringTest()
+    {
+        dac.configureLines();
+        shared.put(co::kOffset, std::string("100") + '\0');
+        board.setNowUs((kStart + 38 * 60 + 59) * kSecondUs); // 14:05:59
+    }
+    void steerAt(std::int64_t unixSecond)
+    {
+        board.setNowUs(unixSecond * kSecondUs);
+        shared.setTimeinfo(*board.localTime(unixSecond));
+        steering.Calculate_offset();
+    }
+    std::size_t chartFiles()
+    {
+        std::size_t n = 0;
+        for (const auto &name : board.listDirectory("/ramcache/zarvent"))
+            n += isChartFileName(name);
+        return n;
+    }
+    Steering &steering = cycle.steering();
+};
+
+TEST_F(SteeringTest, CentreFromItsFileWithARangeCheck)
+{
+    board.writeFile("/usr/bin/Zarvent/dac_voltage", "40000\n");
+    steerAt(kStart);
+    EXPECT_EQ(steering.centre(), 40000);
+    board.writeFile("/usr/bin/Zarvent/dac_voltage", "-3000000000\n");
+    steerAt(kStart + 1);
+    EXPECT_EQ(steering.centre(), 40000);
+    EXPECT_EQ(board.dacWords().back().word, 0x300000u | (static_cast<unsigned>(steering.code()) << 4));
+    EXPECT_LT(steering.code(), 41000);
+}
+
+TEST_F(SteeringTest, ChartPointsByMinute)
+{
+    steerAt(kStart + 38 * 60 + 59);
+    steerAt(kStart + 39 * 60);
+    EXPECT_EQ(file("/ramcache/zarvent/ptp_data_2026~11~16_14-05"),
+              "[new Date(\"11/16/2026 14:05:59\"), 100],\n");
+    EXPECT_EQ(file("/ramcache/zarvent/ptp_data_2026~11~16_14-06"),
+              "[new Date(\"11/16/2026 14:06:00\"), 100],\n");
+    EXPECT_EQ(registerWrites().back(), "./spiWrite -m 1 -l 3 -d 1 1 1 0");
+}
+
+TEST_F(SteeringTest, ChartFilesOfEveryRunStayWithinTheBound)
+{
+    // 1005 minutes of chart left by an earlier run, and the placeholders.
+    for (int i = 0; i < 1005; ++i) {
+        std::tm t = *board.localTime(kStart - 86400 + i * 60);
+        board.writeFile(chartFileName(t), "[new Date(\"\"), 0],\n");
+    }
+    board.writeFile("/ramcache/zarvent/ptp_data_0000_00_01", "");
+    steerAt(kStart);
+    EXPECT_EQ(chartFiles(), 1000u);
+    EXPECT_FALSE(board.exists(chartFileName(*board.localTime(kStart - 86400 + 5 * 60))));
+    EXPECT_TRUE(board.exists(chartFileName(*board.localTime(kStart - 86400 + 6 * 60))));
+    EXPECT_TRUE(board.exists("/ramcache/zarvent/ptp_data_0000_00_01"));
+
+    // A RAM disk that fills up from elsewhere takes chart files first.
+    board.setRamDisk(1200, 2048);
+    runner.run("mount /dev/ram1 /ramcache", PipeMode::Read);
+    steerAt(kStart + 60);
+    EXPECT_LE(chartFiles(), 300u); // 600 blocks of structures, one block a file
+    EXPECT_GT(chartFiles(), 250u);
+    EXPECT_TRUE(board.exists(chartFileName(*board.localTime(kStart + 60))));
+}
+
+} // namespace
+} // namespace zarvent::test

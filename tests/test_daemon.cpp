@@ -1,0 +1,132 @@
+// Start-up, the FPGA thread, and the three threads running at once.
+#include "support/fixture.h"
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "daemon/daemon.h"
+#include "fpga/ThreadFPGA.h"
+
+namespace zarvent::test {
+namespace {
+
+using DaemonTest = BoardTest;
+
+TEST_F(DaemonTest, RamDiskAndMarkers)
+{
+    board.setNowUs((kStart + 45 * 86400 + 37979) * 1'000'000); // 2026-12-31 23:59:59
+    board.writeFile("/ramcache/zarvent/ntp.drift", "old drift\n");
+    Daemon daemon(board);
+    daemon.shared().Stat_Out.ReqDay[3] = 9;
+    daemon.CreateRAMDisk();
+    const std::vector<std::pair<std::string, PipeMode>> expected = {
+        {"mkfs -q /dev/ram1 8192", PipeMode::Read},
+        {"mkdir -p /ramcache", PipeMode::Read},
+        {"mount /dev/ram1 /ramcache", PipeMode::Read},
+        {"df -h | grep ramcache", PipeMode::Read},
+        {"mkdir /ramcache/ntp", PipeMode::Read},
+        {"mkdir /ramcache/zarvent", PipeMode::Read},
+        {"/sbin/agetty -h 115200 ttyO1 vt100 &", PipeMode::Read},
+        {"/usr/bin/mversion", PipeMode::Read},
+        {"touch /ramcache/zarvent/ptp_data_0000_00_01;touch "
+         "/ramcache/zarvent/ptp_data_0000_00_02;touch /ramcache/zarvent/ptp_data_0000_00_03",
+         PipeMode::Write},
+        {"touch /ramcache/zarvent/23_59_2026-12-31.time", PipeMode::Write},
+    };
+    const auto commands = board.commands();
+    ASSERT_EQ(commands.size(), expected.size());
+    for (std::size_t i = 0; i < expected.size(); ++i) {
+        EXPECT_EQ(commands[i].line, expected[i].first);
+        EXPECT_EQ(commands[i].mode, expected[i].second) << expected[i].first;
+    }
+    EXPECT_EQ(file("/ramcache/zarvent/ntp.drift"), "");
+    EXPECT_TRUE(board.exists("/ramcache/zarvent/ptp_data_0000_00_03"));
+    EXPECT_EQ(daemon.shared().Stat_Out.ReqDay[3], 0u);
+    EXPECT_EQ(daemon.shared().getTimeinfo().tm_mday, 31);
+    daemon.CreateThreads();
+    EXPECT_EQ(board.threadCount(), 3u);
+}
+
+class FpgaTest : public BoardTest
+{
+protected:
+    FpgaTest() { board.setFpgaConfigured(false); }
+    FpgaThread fpga{board, runner, gpio, registers};
+    const std::string write1 = "./spiWrite -m 1 -l 3 -d 1 1 0 0";
+};
+
+TEST_F(FpgaTest, LoadsOnceAndWaitsForTheAnswer)
+{
+    fpga.InitFPGA();
+    EXPECT_EQ(board.direction(182), "in");
+    EXPECT_EQ(board.direction(13), "in");
+    board.onCommandOnce(write1, toolOutput("FF FF FF\n"));
+    board.onCommandOnce(write1, toolOutput("AA AA A5")); // no line end: no answer
+    board.onCommandOnce(reg::kRead2, toolOutput("ioctl: bad address\n"));
+    board.setFpgaConfigured(true);
+    const std::int64_t before = board.nowUs();
+    fpga.SrvFPGA();
+    EXPECT_TRUE(fpga.configured());
+    EXPECT_EQ(board.countCommand("./wrFPGA --file Version_1.rbf"), 1u);
+    EXPECT_EQ(board.countCommand(write1), 3u); // the failed read wrote nothing
+    EXPECT_EQ(board.nowUs() - before, 3'000'000);
+    board.clearCommands();
+    fpga.SrvFPGA();
+    EXPECT_TRUE(board.commands().empty());
+}
+
+TEST_F(FpgaTest, LoaderThatCannotStartStillChecksTheFpga)
+{
+    board.failCommand("./wrFPGA --file Version_1.rbf");
+    board.setFpgaConfigured(true);
+    fpga.BurnFPGA();
+    EXPECT_TRUE(fpga.configured());
+    EXPECT_EQ(board.countCommand(write1), 1u);
+}
+
+TEST(Threads, DaemonThreadsAtOnce)
+{
+    sim::VirtualBoard board(kStart);
+    board.boardTree();
+    board.provideLine(19, false, 0);
+    board.setPulse(19, 100000);
+    for (int line : {79, 86, 87, 88})
+        board.provideLine(line, false, 1);
+    board.writeFile("/usr/bin/Zarvent/enable.cfg", "1\n");
+    Daemon daemon(board);
+    daemon.CreateRAMDisk();
+    daemon.CreateThreads();
+    board.runRecordedThreads();
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    board.stop();
+    EXPECT_GT(board.countCommand(reg::kRead14), 0u);
+    EXPECT_GT(board.countCommand("ntpq -p | grep '*G'"), 0u);
+    EXPECT_GT(board.loaderRuns(), 0);
+    for (const auto &word : board.dacWords())
+        EXPECT_FALSE(word.malformed);
+}
+
+TEST(Threads, SlotIsReadWhole)
+{
+    SharedState shared;
+    const std::string first = std::string("Nov 16 2026 13:27:00.004") + '\0';
+    const std::string second = std::string("Dec 31 2026 23:59:59.999") + '\0';
+    shared.put(co::kEvent, first);
+    std::atomic<bool> done{false};
+    std::thread writer([&] {
+        for (int i = 0; i < 20000; ++i)
+            shared.put(co::kEvent, i % 2 ? first : second);
+        done = true;
+    });
+    int mixed = 0;
+    while (!done) {
+        const DateTimeSlot slot = shared.dateTime(co::kEvent);
+        mixed += (slot.date == "Nov 16 2026") != (slot.time == "13:27:00");
+    }
+    writer.join();
+    EXPECT_EQ(mixed, 0);
+}
+
+} // namespace
+} // namespace zarvent::test

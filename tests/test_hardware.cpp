@@ -1,0 +1,112 @@
+// The pin layer, the DAC's three-wire words and the register tool.
+#include "support/fixture.h"
+
+#include <cerrno>
+
+#include "hardware/dac.h"
+
+namespace zarvent::test {
+namespace {
+
+using HardwareTest = BoardTest;
+
+TEST_F(HardwareTest, PinLayerFollowsSysfs)
+{
+    EXPECT_EQ(gpio.PinGetInput("50"), 0); // never exported: reads 0
+    EXPECT_EQ(gpio.readLevel("50"), std::nullopt);
+
+    gpio.PinAddToWorkspace("70");
+    gpio.PinSetDirectionOut("70");
+    EXPECT_LT(gpio.PinAddToWorkspace("70"), 0); // already exported: refused, nothing else
+    EXPECT_EQ(board.direction(70), "out");
+
+    gpio.PinAddToWorkspace("106");
+    gpio.PinSetDirectionOut("106");
+    gpio.PinSetOutput("106", 1);
+    EXPECT_EQ(board.lastWrite(106), "1");
+    EXPECT_EQ(board.level(106), 1);
+    gpio.PinAddToWorkspace("79");
+    gpio.PinSetDirectionIn("79");
+    board.setInput(79, 1);
+    EXPECT_EQ(gpio.readLevel("79"), 1);
+
+    EXPECT_LT(gpio.GpioSetEdge(5, "rising"), 0);
+    EXPECT_EQ(board.errorOutput(), "gpio/set-edge: No such file or directory\n");
+    gpio.PinAddToWorkspace("19");
+    EXPECT_EQ(gpio.GpioSetEdge(19, "rising"), 0);
+    EXPECT_EQ(board.edge(19), "rising");
+}
+
+TEST_F(HardwareTest, KeptLineReadsAtOffsetZeroThroughOneDescriptor)
+{
+    GpioLine pulse(board, "19");
+    EXPECT_EQ(pulse.read(), 0); // not exported yet
+    board.provideLine(19, false, 1);
+    for (int i = 0; i < 10; ++i)
+        EXPECT_EQ(pulse.read(), 1);
+    board.setInput(19, 0);
+    EXPECT_EQ(pulse.read(), 0);
+    EXPECT_EQ(board.openDescriptors(), 1);
+}
+
+TEST_F(HardwareTest, DacWords)
+{
+    Dac dac(board, gpio);
+    dac.configureLines();
+    EXPECT_EQ(board.direction(96), "out");
+    EXPECT_EQ(board.level(96), 0);
+    EXPECT_EQ(board.level(106), 1);
+    EXPECT_EQ(board.level(118), 0);
+
+    struct {
+        unsigned command, value, word;
+    } cases[] = {
+        {3, 0, 0x300000},      {3, 65535, 0x3FFFF0}, {4, 2048, 0x408000},
+        {3, 70000, 0x3FFFF0}, // a centre beyond 16 bits is clamped, the command kept
+        {3, 33000, 0x380E80},
+    };
+    for (const auto &c : cases) {
+        const auto levelsBefore = board.levels().size();
+        EXPECT_TRUE(dac.SPIWriteInt(c.command, c.value));
+        EXPECT_EQ(board.levels().size() - levelsBefore, 74u);
+        const sim::DacWord last = board.dacWords().back();
+        EXPECT_EQ(last.word, c.word);
+        EXPECT_FALSE(last.malformed);
+        EXPECT_EQ(board.level(106), 1); // select idle between words
+    }
+    EXPECT_FALSE(dac.SPIWriteInt(16, 0));
+    EXPECT_EQ(board.dacWords().size(), std::size(cases));
+}
+
+TEST_F(HardwareTest, RegisterReadModifyWrite)
+{
+    board.setRegister(2, 0x05);
+    EXPECT_EQ(registers.modifyRegister2(2, 0, PipeMode::Write), 7u);
+    EXPECT_EQ(registers.modifyRegister2(0, 2, PipeMode::Write), 5u);
+    EXPECT_EQ(registerWrites(), (std::vector<std::string>{"./spiWrite -m 1 -l 3 -d 1 2 7 0",
+                                                          "./spiWrite -m 1 -l 3 -d 1 2 5 0"}));
+    board.setRegister(24, 4660);
+    EXPECT_EQ(registers.read(reg::kRead24, 5, 2), 4660u);
+}
+
+TEST_F(HardwareTest, ValueThatDidNotComeFromTheRegisterIsNeverWritten)
+{
+    const std::string outputs[] = {
+        toolOutput("ioctl: bad address\n"),   // would parse as 0xBAD
+        toolOutput("AA AA 1\n"),              // one digit short
+        toolOutput("AA AA 3C\nextra line\n"), // a sixth line
+        "spiWrite: cannot open /dev/spidev0.0\n",
+        "",
+    };
+    for (const auto &output : outputs) {
+        board.onCommand(reg::kRead2, output);
+        EXPECT_EQ(registers.Read_Control(), std::nullopt) << output;
+        EXPECT_EQ(registers.modifyRegister2(1, 0, PipeMode::Read), std::nullopt) << output;
+    }
+    board.failCommand(reg::kRead2);
+    EXPECT_EQ(registers.modifyRegister2(1, 0, PipeMode::Read), std::nullopt);
+    EXPECT_TRUE(registerWrites().empty());
+}
+
+} // namespace
+} // namespace zarvent::test

@@ -1,0 +1,92 @@
+// The command runner and the Linux seam, with harmless commands only (printf,
+// sleep, touch, ls, yes) and files in a temporary directory.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <string>
+
+#include "hardware/runner.h"
+#include "platform/platform_linux.h"
+
+namespace zarvent {
+namespace {
+
+class LinuxTest : public ::testing::Test
+{
+protected:
+    LinuxTest()
+    {
+        std::string pattern = std::filesystem::temp_directory_path() / "zarvent-linux-XXXXXX";
+        dir_ = ::mkdtemp(pattern.data());
+    }
+    ~LinuxTest() override { std::filesystem::remove_all(dir_); }
+
+    LinuxPlatform platform;
+    Runner runner{platform};
+    std::filesystem::path dir_;
+};
+
+TEST_F(LinuxTest, LinesAreReadAsTheToolsPrintThem)
+{
+    struct Case {
+        const char *command;
+        int calls;
+        int count;
+        std::string last;
+    } cases[] = {
+        {"printf 'one\\ntwo\\n'", 2, 2, "two\n"},
+        {"printf 'one\\ntwo\\n'", 3, 2, "two\n"}, // a read at the end keeps the last line
+        {"printf 'abc'", 1, 1, "abc"},
+        {"printf '%0150d\\n' 0", 1, 1, std::string(99, '0')},
+        {"printf '%0150d\\n' 0", 2, 2, std::string(51, '0') + "\n"}, // an overlong line in pieces
+        {"printf 'AA\\000BB\\n'", 1, 1, "AA"},                        // a NUL ends the text
+        {"true", 5, 0, ""},
+    };
+    for (const auto &c : cases) {
+        const CommandLines out = runner.readLines(c.command, c.calls);
+        EXPECT_TRUE(out.started);
+        EXPECT_EQ(out.count, c.count) << c.command;
+        EXPECT_EQ(out.last, c.last) << c.command;
+    }
+    EXPECT_TRUE(runner.hasOutput("printf x"));
+    EXPECT_FALSE(runner.hasOutput("true"));
+}
+
+TEST_F(LinuxTest, ToolThatPrintsWhileItWorksRunsToItsEnd)
+{
+    // A loader that prints progress after a while: closed at once, it would
+    // die of SIGPIPE before its last step.
+    const auto done = dir_ / "loaded";
+    EXPECT_TRUE(runner.run("sleep 0.2; echo progress; echo more; touch " + done.string(),
+                           PipeMode::Read));
+    EXPECT_TRUE(std::filesystem::exists(done));
+    const auto after = dir_ / "after-five";
+    runner.readLines("printf '1\\n2\\n3\\n4\\n5\\n'; sleep 0.1; echo 6; touch " + after.string(), 5);
+    EXPECT_TRUE(std::filesystem::exists(after));
+    // One that never stops printing does not hold the daemon.
+    EXPECT_TRUE(runner.run("yes", PipeMode::Read));
+}
+
+TEST_F(LinuxTest, CommandsInheritNoDescriptor)
+{
+    const auto kept = dir_ / "kept-open";
+    UniqueFd fd(platform, platform.open(kept.string(), O_WRONLY | O_CREAT));
+    ASSERT_TRUE(fd.isValid());
+    const CommandLines out =
+        runner.readLines("ls -l /proc/self/fd/ | grep -c " + kept.filename().string(), 1);
+    EXPECT_EQ(out.last, "0\n");
+}
+
+TEST_F(LinuxTest, LocalTimeBeyond2038)
+{
+    ::setenv("TZ", "UTC", 1);
+    const auto t = platform.localTime(std::int64_t{2147483647} + 365 * 86400);
+    ASSERT_TRUE(t);
+    EXPECT_EQ(t->tm_year + 1900, 2039);
+    EXPECT_EQ(t->tm_mon, 0);
+}
+
+} // namespace
+} // namespace zarvent
