@@ -40,9 +40,8 @@ struct BoardStats {
     int eventAcks[2] = {0, 0}; // acknowledgements of event flags 1 and 2
 };
 
-class BoardModel
-{
-public:
+class BoardModel {
+  public:
     // Installs the model on a fresh board: register hooks, lines, files.
     BoardModel(VirtualBoard &board, const BoardConfig &config);
     ~BoardModel();
@@ -57,7 +56,7 @@ public:
     // counts.log and summary.log of the run so far, into dir.
     bool writeLogs(const std::string &dir);
 
-private:
+  private:
     struct CounterReading {
         std::int64_t second;
         int reg;

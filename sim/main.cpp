@@ -58,8 +58,7 @@ int main(int argc, char **argv)
     if (options.scenarioPath.empty() || options.outDir.empty())
         return usage();
 
-    struct sigaction action {
-    };
+    struct sigaction action {};
     action.sa_handler = onSignal;
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);

@@ -103,15 +103,13 @@ std::string parseScenario(const std::string &text, Scenario &scenario)
 
 // The parts of one run, in the order they are built and the reverse order
 // they are torn down.
-class Run
-{
-public:
+class Run {
+  public:
     Run(const RunOptions &options, const Scenario &scenario)
         : options_(options), logDir_(options.outDir + "/logs"),
           board_(options.outDir + "/board", scenario.start), tree_(board_),
           model_(board_, scenario.config)
-    {
-    }
+    {}
 
     // Lets virtual time pass for the run's own thread: before the daemon
     // starts the clock simply moves.
@@ -157,7 +155,10 @@ public:
         // The daemon's threads end before the daemon's parts go away.
         struct Finish {
             Scheduler &scheduler;
-            ~Finish() { scheduler.finish(); }
+            ~Finish()
+            {
+                scheduler.finish();
+            }
         } finish{scheduler};
         try {
             // The daemon's own start, as its main() does it.
@@ -194,10 +195,13 @@ public:
         return result;
     }
 
-private:
+  private:
     // The board's usual tree, laid before the model adds its files.
     struct Tree {
-        explicit Tree(VirtualBoard &board) { board.boardTree(); }
+        explicit Tree(VirtualBoard &board)
+        {
+            board.boardTree();
+        }
     };
 
     const RunOptions &options_;

@@ -21,9 +21,8 @@ namespace zarvent::sim {
 
 class VirtualBoard;
 
-class Scheduler
-{
-public:
+class Scheduler {
+  public:
     // Attaches itself to the board and gives the constructing thread (the
     // run's owner) the baton. pace 0 runs as fast as possible; pace p > 0
     // keeps virtual time at p times real time.
@@ -47,7 +46,7 @@ public:
     // Threads scheduled so far, the owner included.
     std::size_t threadCount() const;
 
-private:
+  private:
     struct Thread;
     Thread *find() const;
     void passBaton(std::unique_lock<std::mutex> &lock, Thread *self);

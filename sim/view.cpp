@@ -115,8 +115,7 @@ const char *antennaText(unsigned code)
 
 View::View(std::string outDir, std::string scenario, double pace)
     : outDir_(std::move(outDir)), scenario_(std::move(scenario)), pace_(pace)
-{
-}
+{}
 
 void View::second(const SecondView &view) const
 {

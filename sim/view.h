@@ -9,14 +9,13 @@
 
 namespace zarvent::sim {
 
-class View
-{
-public:
+class View {
+  public:
     View(std::string outDir, std::string scenario, double pace);
     // Redraws the screen (an eachSecond callback of runScenario).
     void second(const SecondView &view) const;
 
-private:
+  private:
     std::string outDir_;
     std::string scenario_;
     double pace_;

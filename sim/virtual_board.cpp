@@ -74,9 +74,8 @@ struct DacDecoder {
 };
 
 // A command's output, captured by the model when the command ran.
-class ModelledCommand final : public Command
-{
-public:
+class ModelledCommand final : public Command {
+  public:
     explicit ModelledCommand(std::string output) : output_(std::move(output)) {}
     long read(std::span<char> into) override
     {
@@ -85,9 +84,12 @@ public:
         position_ += count;
         return static_cast<long>(count);
     }
-    int wait() override { return 0; }
+    int wait() override
+    {
+        return 0;
+    }
 
-private:
+  private:
     std::string output_;
     std::size_t position_ = 0;
 };
@@ -595,8 +597,7 @@ struct VirtualBoard::State {
             spiWriteLocked(lock, w, commandLine, out);
         } else if (program == "./wrFPGA") {
             loaderRuns++;
-            struct stat st {
-            };
+            struct stat st {};
             if (nw >= 3 && ::stat(hostPath(w[2]).c_str(), &st) == 0)
                 configured = true;
             appendf(out, "wrFPGA: loaded %s\n", nw >= 3 ? w[2].c_str() : "");
@@ -790,8 +791,7 @@ std::optional<std::string> VirtualBoard::readFile(const std::string &boardPath) 
 
 bool VirtualBoard::exists(const std::string &boardPath) const
 {
-    struct stat st {
-    };
+    struct stat st {};
     return ::stat(hostPath(boardPath).c_str(), &st) == 0;
 }
 
@@ -1422,8 +1422,7 @@ bool VirtualBoard::renameFile(const std::string &from, const std::string &to)
 
 std::optional<std::int64_t> VirtualBoard::fileSize(const std::string &path)
 {
-    struct stat st {
-    };
+    struct stat st {};
     if (::stat(hostPath(path).c_str(), &st) != 0)
         return std::nullopt;
     return static_cast<std::int64_t>(st.st_size);
@@ -1438,8 +1437,7 @@ std::optional<FileSystemUsage> VirtualBoard::fileSystemUsage(const std::string &
         if (s.mounted && (board == "/ramcache" || board.starts_with("/ramcache/")))
             return s.ramDiskUsageLocked();
     }
-    struct statvfs st {
-    };
+    struct statvfs st {};
     if (::statvfs(hostPath(path).c_str(), &st) != 0)
         return std::nullopt;
     FileSystemUsage usage;

@@ -36,8 +36,7 @@ namespace zarvent::sim {
 class Scheduler;
 
 // Thrown by the seam's calls in a daemon thread once the run has ended.
-struct SimulationEnded {
-};
+struct SimulationEnded {};
 
 struct CommandRecord {
     std::string line;
@@ -86,9 +85,8 @@ using RegisterReadHook = std::function<void(int reg)>;
 using RegisterWriteHook =
     std::function<void(int reg, std::uint64_t value, int bytes, const std::string &line)>;
 
-class VirtualBoard final : public Platform
-{
-public:
+class VirtualBoard final : public Platform {
+  public:
     // A fresh board in a new temporary directory, removed by the destructor;
     // the clock at startUnix seconds.
     explicit VirtualBoard(std::int64_t startUnix);
@@ -228,7 +226,7 @@ public:
     void stop();
     void attachScheduler(Scheduler *scheduler);
 
-private:
+  private:
     struct State;
     std::unique_ptr<State> state_;
 };

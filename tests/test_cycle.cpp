@@ -16,9 +16,8 @@ namespace {
 
 constexpr std::int64_t kSecondUs = 1'000'000;
 
-class CycleTest : public BoardTest
-{
-protected:
+class CycleTest : public BoardTest {
+  protected:
     CycleTest()
     {
         shared.Leap_Time = 37;
@@ -41,7 +40,10 @@ protected:
             cycle.runCycle();
         }
     }
-    std::size_t count(const std::string &line) const { return board.countCommand(line); }
+    std::size_t count(const std::string &line) const
+    {
+        return board.countCommand(line);
+    }
 
     Dac dac{board, gpio};
     CycleThread cycle{board, runner, gpio, registers, dac, shared};
@@ -100,9 +102,8 @@ TEST_F(CycleTest, QualificationGatesHandOverAndSteering)
     EXPECT_TRUE(registerWrites().empty());
     cycles(1); // the 60th valid cycle steers at once, the hand-over waits
     EXPECT_EQ(shared.Sync_En.load(), 1);
-    EXPECT_EQ(registerWrites(),
-              (std::vector<std::string>{"./spiWrite -m 1 -l 3 -d 1 1 3 0",
-                                        "./spiWrite -m 1 -l 3 -d 1 1 3 0"}));
+    EXPECT_EQ(registerWrites(), (std::vector<std::string>{"./spiWrite -m 1 -l 3 -d 1 1 3 0",
+                                                          "./spiWrite -m 1 -l 3 -d 1 1 3 0"}));
     EXPECT_EQ(board.dacWords().size(), 2u);
     board.clearCommands();
     board.setRmcStatus('V');
@@ -135,9 +136,8 @@ TEST_F(CycleTest, ReceiverQueryThatCannotStartChangesNothing)
     EXPECT_EQ(shared.Sync_En.load(), 0);
 }
 
-class HandoverTest : public CycleTest
-{
-protected:
+class HandoverTest : public CycleTest {
+  protected:
     // 2026-11-16 13:27:46 UTC: ntptime shows eea58352.
     static constexpr std::int64_t kAt = (kStart + 46) * kSecondUs + 121000;
     TimeHandover &handover = cycle.handover();
@@ -233,9 +233,10 @@ TEST_F(CycleTest, RelayResetFiveSecondsAfterAnEvent)
     relay.Relay_Reset(200);
     board.setRegister(28, 0);
     relay.Relay_Reset(205); // both in one call: bit 1 first
-    EXPECT_EQ(registerWrites(), (std::vector<std::string>{
-                                    "./spiWrite -m 1 -l 3 -d 1 2 3 0", "./spiWrite -m 1 -l 3 -d 1 2 1 0",
-                                    "./spiWrite -m 1 -l 3 -d 1 2 5 0", "./spiWrite -m 1 -l 3 -d 1 2 1 0"}));
+    EXPECT_EQ(registerWrites(), (std::vector<std::string>{"./spiWrite -m 1 -l 3 -d 1 2 3 0",
+                                                          "./spiWrite -m 1 -l 3 -d 1 2 1 0",
+                                                          "./spiWrite -m 1 -l 3 -d 1 2 5 0",
+                                                          "./spiWrite -m 1 -l 3 -d 1 2 1 0"}));
 }
 
 TEST_F(CycleTest, ClientIndicatorFlashesOnTheLowByte)
@@ -251,9 +252,8 @@ TEST_F(CycleTest, ClientIndicatorFlashesOnTheLowByte)
     }
 }
 
-class SteeringTest : public CycleTest
-{
-protected:
+class SteeringTest : public CycleTest {
+  protected:
     SteeringTest()
     {
         dac.configureLines();
@@ -284,7 +284,8 @@ TEST_F(SteeringTest, CentreFromItsFileWithARangeCheck)
     board.writeFile("/usr/bin/Zarvent/dac_voltage", "-3000000000\n");
     steerAt(kStart + 1);
     EXPECT_EQ(steering.centre(), 40000);
-    EXPECT_EQ(board.dacWords().back().word, 0x300000u | (static_cast<unsigned>(steering.code()) << 4));
+    EXPECT_EQ(board.dacWords().back().word,
+              0x300000u | (static_cast<unsigned>(steering.code()) << 4));
     EXPECT_LT(steering.code(), 41000);
 }
 

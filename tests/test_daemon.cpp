@@ -48,10 +48,12 @@ TEST_F(DaemonTest, RamDiskAndMarkers)
     EXPECT_EQ(board.threadCount(), 3u);
 }
 
-class FpgaTest : public BoardTest
-{
-protected:
-    FpgaTest() { board.setFpgaConfigured(false); }
+class FpgaTest : public BoardTest {
+  protected:
+    FpgaTest()
+    {
+        board.setFpgaConfigured(false);
+    }
     FpgaThread fpga{board, runner, gpio, registers};
     const std::string write1 = "./spiWrite -m 1 -l 3 -d 1 1 0 0";
 };

@@ -61,7 +61,7 @@ TEST_F(HardwareTest, DacWords)
     struct {
         unsigned command, value, word;
     } cases[] = {
-        {3, 0, 0x300000},      {3, 65535, 0x3FFFF0}, {4, 2048, 0x408000},
+        {3, 0, 0x300000},     {3, 65535, 0x3FFFF0}, {4, 2048, 0x408000},
         {3, 70000, 0x3FFFF0}, // a centre beyond 16 bits is clamped, the command kept
         {3, 33000, 0x380E80},
     };

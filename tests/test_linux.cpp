@@ -13,15 +13,17 @@
 namespace zarvent {
 namespace {
 
-class LinuxTest : public ::testing::Test
-{
-protected:
+class LinuxTest : public ::testing::Test {
+  protected:
     LinuxTest()
     {
         std::string pattern = std::filesystem::temp_directory_path() / "zarvent-linux-XXXXXX";
         dir_ = ::mkdtemp(pattern.data());
     }
-    ~LinuxTest() override { std::filesystem::remove_all(dir_); }
+    ~LinuxTest() override
+    {
+        std::filesystem::remove_all(dir_);
+    }
 
     LinuxPlatform platform;
     Runner runner{platform};
@@ -41,7 +43,7 @@ TEST_F(LinuxTest, LinesAreReadAsTheToolsPrintThem)
         {"printf 'abc'", 1, 1, "abc"},
         {"printf '%0150d\\n' 0", 1, 1, std::string(99, '0')},
         {"printf '%0150d\\n' 0", 2, 2, std::string(51, '0') + "\n"}, // an overlong line in pieces
-        {"printf 'AA\\000BB\\n'", 1, 1, "AA"},                        // a NUL ends the text
+        {"printf 'AA\\000BB\\n'", 1, 1, "AA"},                       // a NUL ends the text
         {"true", 5, 0, ""},
     };
     for (const auto &c : cases) {
@@ -59,11 +61,12 @@ TEST_F(LinuxTest, ToolThatPrintsWhileItWorksRunsToItsEnd)
     // A loader that prints progress after a while: closed at once, it would
     // die of SIGPIPE before its last step.
     const auto done = dir_ / "loaded";
-    EXPECT_TRUE(runner.run("sleep 0.2; echo progress; echo more; touch " + done.string(),
-                           PipeMode::Read));
+    EXPECT_TRUE(
+        runner.run("sleep 0.2; echo progress; echo more; touch " + done.string(), PipeMode::Read));
     EXPECT_TRUE(std::filesystem::exists(done));
     const auto after = dir_ / "after-five";
-    runner.readLines("printf '1\\n2\\n3\\n4\\n5\\n'; sleep 0.1; echo 6; touch " + after.string(), 5);
+    runner.readLines("printf '1\\n2\\n3\\n4\\n5\\n'; sleep 0.1; echo 6; touch " + after.string(),
+                     5);
     EXPECT_TRUE(std::filesystem::exists(after));
     // One that never stops printing does not hold the daemon.
     EXPECT_TRUE(runner.run("yes", PipeMode::Read));

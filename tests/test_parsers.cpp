@@ -112,7 +112,7 @@ TEST(Arithmetic, PhaseFoldsIntoSignedNanoseconds)
         {50000000, -500000000}, // exactly half a second counts as negative
         {50000001, 499999990},
         {4277071597u, 178956990}, // beyond one second: 32-bit arithmetic
-        {4277071598u, 0},          // 0xFEEEEEEE: no measurement
+        {4277071598u, 0},         // 0xFEEEEEEE: no measurement
         {4294967295u, 0},
     };
     for (const auto &c : cases)

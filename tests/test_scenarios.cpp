@@ -12,9 +12,8 @@
 namespace zarvent::sim {
 namespace {
 
-class ScenarioRun
-{
-public:
+class ScenarioRun {
+  public:
     explicit ScenarioRun(const std::string &scenario)
     {
         std::string pattern = std::filesystem::temp_directory_path() / "zarvent-scenario-XXXXXX";
@@ -24,7 +23,10 @@ public:
         options.outDir = dir_.string();
         result = runScenario(options);
     }
-    ~ScenarioRun() { std::filesystem::remove_all(dir_); }
+    ~ScenarioRun()
+    {
+        std::filesystem::remove_all(dir_);
+    }
 
     std::string read(const std::filesystem::path &path) const
     {
@@ -33,8 +35,14 @@ public:
         text << in.rdbuf();
         return text.str();
     }
-    std::string log(const std::string &name) const { return read(dir_ / "logs" / name); }
-    std::string boardFile(const std::string &path) const { return read(dir_ / ("board" + path)); }
+    std::string log(const std::string &name) const
+    {
+        return read(dir_ / "logs" / name);
+    }
+    std::string boardFile(const std::string &path) const
+    {
+        return read(dir_ / ("board" + path));
+    }
     bool exists(const std::string &path) const
     {
         return std::filesystem::exists(dir_ / ("board" + path));
@@ -55,7 +63,7 @@ public:
 
     RunResult result;
 
-private:
+  private:
     std::filesystem::path dir_;
 };
 
@@ -64,9 +72,9 @@ constexpr std::int64_t kStart = 1794835620; // 2026-11-16T13:27:00
 TEST(Scenario, ToolFaultsNeverReachTheRegisters)
 {
     const ScenarioRun run("start 2026-11-16T13:27:00\nduration 330\nrmc A\npeer system\n"
-                  "at 100 regtool garbage\nat 130 regtool short\nat 160 regtool ok\n"
-                  "at 170 tool ntpq absent\nat 200 tool ntpq present\n"
-                  "at 210 tool ntptime absent\nat 240 tool ntptime present\n");
+                          "at 100 regtool garbage\nat 130 regtool short\nat 160 regtool ok\n"
+                          "at 170 tool ntpq absent\nat 200 tool ntpq present\n"
+                          "at 210 tool ntptime absent\nat 240 tool ntptime present\n");
     ASSERT_TRUE(run.result.ok) << run.result.error;
     EXPECT_FALSE(run.result.daemonAborted);
     // While the register tool prints no register value, no value is written
@@ -91,7 +99,7 @@ TEST(Scenario, CountersAcrossTheYearsEnd)
     // totals hold every reading from the start through 23:59:00; at 00:01:00
     // the minute total holds those of 00:00:01 to 00:01:00.
     const ScenarioRun run("start 2026-12-31T23:30:00\nduration 1870\nrmc A\npeer system\n"
-                  "load 40 30\nat 1800 snapshot midnight\nat 1860 snapshot minute\n");
+                          "load 40 30\nat 1800 snapshot midnight\nat 1860 snapshot minute\n");
     ASSERT_TRUE(run.result.ok) << run.result.error;
     const std::int64_t start = 1798759800;
     auto sum = [&](int reg, std::int64_t from, std::int64_t to) {

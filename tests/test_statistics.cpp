@@ -57,10 +57,12 @@ TEST(Counters, MinuteHourAndDayTotals)
     EXPECT_EQ(out->ReqDay[1], 23u * 10 + 120);
 }
 
-class StatisticsTest : public BoardTest
-{
-protected:
-    StatisticsTest() { board.writeFile("/usr/bin/Zarvent/enable.cfg", "1\n"); }
+class StatisticsTest : public BoardTest {
+  protected:
+    StatisticsTest()
+    {
+        board.writeFile("/usr/bin/Zarvent/enable.cfg", "1\n");
+    }
     StatCapture capture{board, runner, registers};
     PacketCounters counters{board, registers, shared, capture};
     StatusPage page{board, runner, shared};
@@ -150,9 +152,8 @@ TEST_F(StatisticsTest, StatFileThatCannotBeOpenedLosesOneExchange)
     EXPECT_EQ(capture.phase(), 0);
 }
 
-class PageTest : public StatisticsTest
-{
-protected:
+class PageTest : public StatisticsTest {
+  protected:
     PageTest()
     {
         shared.put(co::kNow, std::string("Nov 16 2026 13:27:46.121") + '\0');

@@ -16,9 +16,8 @@ namespace {
 
 constexpr const char *kLog = "/ramcache/zarvent/errorlog.log";
 
-class SupervisionTest : public BoardTest
-{
-protected:
+class SupervisionTest : public BoardTest {
+  protected:
     SupervisionTest()
     {
         for (int line : {79, 86, 87, 88})
@@ -29,7 +28,10 @@ protected:
         supervision.init_gpio_input();
         board.clearCommands();
     }
-    std::size_t count(const std::string &line) const { return board.countCommand(line); }
+    std::size_t count(const std::string &line) const
+    {
+        return board.countCommand(line);
+    }
     static std::string echo(int line, int level)
     {
         return "echo " + std::to_string(level) + " > /sys/class/gpio/gpio" + std::to_string(line) +
@@ -134,7 +136,8 @@ TEST_F(SupervisionTest, IndicatorTestHoldsThePass)
     board.queueReads(79, {0, 0, 0});
     supervision.pass();
     for (int line : {70, 71, 72, 73, 74, 75, 76, 77})
-        EXPECT_EQ(count(echo(line, 1)), line == 72 || line == 73 || line == 75 || line == 77 ? 4u : 3u)
+        EXPECT_EQ(count(echo(line, 1)),
+                  line == 72 || line == 73 || line == 75 || line == 77 ? 4u : 3u)
             << line;
     // A line that cannot be read is no test request.
     board.clearCommands();

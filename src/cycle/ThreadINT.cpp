@@ -27,8 +27,7 @@ std::int64_t cycleSecond(std::int64_t realtimeNs)
 CycleThread::CycleThread(Platform &platform, Runner &runner, Gpio &gpio, Registers &registers,
                          Dac &dac, SharedState &shared)
     : platform_(platform), runner_(runner), gpio_(gpio), dac_(dac), shared_(shared),
-      pulse_(platform, "19"),
-      capture_(std::make_unique<StatCapture>(platform, runner, registers)),
+      pulse_(platform, "19"), capture_(std::make_unique<StatCapture>(platform, runner, registers)),
       counters_(std::make_unique<PacketCounters>(platform, registers, shared, *capture_)),
       page_(std::make_unique<StatusPage>(platform, runner, shared)),
       relay_(std::make_unique<RelayReset>(registers)),
@@ -36,8 +35,7 @@ CycleThread::CycleThread(Platform &platform, Runner &runner, Gpio &gpio, Registe
       handover_(std::make_unique<TimeHandover>(runner, shared)),
       offset_(std::make_unique<OffsetReadout>(runner, registers, shared)),
       steering_(std::make_unique<Steering>(platform, registers, dac, shared))
-{
-}
+{}
 
 CycleThread::~CycleThread() = default;
 

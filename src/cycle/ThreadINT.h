@@ -30,9 +30,8 @@ class Steering;
 // cycles never share one second's slots and no slot is skipped.
 std::int64_t cycleSecond(std::int64_t realtimeNs);
 
-class CycleThread
-{
-public:
+class CycleThread {
+  public:
     CycleThread(Platform &platform, Runner &runner, Gpio &gpio, Registers &registers, Dac &dac,
                 SharedState &shared);
     ~CycleThread();
@@ -49,14 +48,32 @@ public:
     // The thread: set-up, then a poll every 500 µs, forever.
     [[noreturn]] void ThreadSrvINT();
 
-    PacketCounters &counters() { return *counters_; }
-    StatCapture &capture() { return *capture_; }
-    StatusPage &statusPage() { return *page_; }
-    TimeHandover &handover() { return *handover_; }
-    OffsetReadout &offset() { return *offset_; }
-    Steering &steering() { return *steering_; }
+    PacketCounters &counters()
+    {
+        return *counters_;
+    }
+    StatCapture &capture()
+    {
+        return *capture_;
+    }
+    StatusPage &statusPage()
+    {
+        return *page_;
+    }
+    TimeHandover &handover()
+    {
+        return *handover_;
+    }
+    OffsetReadout &offset()
+    {
+        return *offset_;
+    }
+    Steering &steering()
+    {
+        return *steering_;
+    }
 
-private:
+  private:
     Platform &platform_;
     Runner &runner_;
     Gpio &gpio_;

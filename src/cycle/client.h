@@ -8,20 +8,18 @@ class Platform;
 class Gpio;
 class Registers;
 
-class ClientIndicator
-{
-public:
+class ClientIndicator {
+  public:
     ClientIndicator(Platform &platform, Gpio &gpio, Registers &registers)
         : platform_(platform), gpio_(gpio), registers_(registers)
-    {
-    }
+    {}
 
     // Lines 70 and 71 off.
     void Service();
     // Reads register 26 and flashes line 71 when its low byte is not zero.
     void ReadNtpCli();
 
-private:
+  private:
     Platform &platform_;
     Gpio &gpio_;
     Registers &registers_;

@@ -26,9 +26,8 @@ std::optional<NtptimeReading> ControlTime(Runner &runner, SharedState &shared, s
 // one, plus TAI-UTC.
 std::int64_t Time_to_hex(std::string_view text, std::int32_t leapTime);
 
-class TimeHandover
-{
-public:
+class TimeHandover {
+  public:
     TimeHandover(Runner &runner, SharedState &shared) : runner_(runner), shared_(shared) {}
 
     // Writes the count of `first` (this cycle's reading) to the FPGA: register
@@ -36,10 +35,16 @@ public:
     // closes it only when a second reading shows the same second.
     void Send_Time(const NtptimeReading &first);
 
-    std::uint8_t transCount() const { return Trans_count; }
-    void setTransCount(std::uint8_t value) { Trans_count = value; }
+    std::uint8_t transCount() const
+    {
+        return Trans_count;
+    }
+    void setTransCount(std::uint8_t value)
+    {
+        Trans_count = value;
+    }
 
-private:
+  private:
     Runner &runner_;
     SharedState &shared_;
     // The hand-over number, 1 to 255 and round again, never 0.

@@ -14,13 +14,11 @@ class SharedState;
 // into -500000000..499999999; 0 for 0xFEEEEEEE and above (no measurement).
 std::int32_t foldPhase(std::uint32_t raw);
 
-class OffsetReadout
-{
-public:
+class OffsetReadout {
+  public:
     OffsetReadout(Runner &runner, Registers &registers, SharedState &shared)
         : runner_(runner), registers_(registers), shared_(shared)
-    {
-    }
+    {}
 
     // Reads register 14, leaves the offset as text at `Command_Out` 53 (at
     // most 8 characters) and keeps the peak-to-peak jitter of 128-cycle blocks.
@@ -29,7 +27,7 @@ public:
     // in a row set `Sync_En` and register 1 bit 0, an invalid one clears both.
     void Nav_Parse();
 
-private:
+  private:
     void writeSyncBit(bool set);
 
     Runner &runner_;

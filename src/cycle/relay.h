@@ -9,15 +9,14 @@ namespace zarvent {
 
 class Registers;
 
-class RelayReset
-{
-public:
+class RelayReset {
+  public:
     explicit RelayReset(Registers &registers) : registers_(registers) {}
 
     // One cycle's look at the flags; nowSeconds is the cycle's time.
     void Relay_Reset(std::int64_t nowSeconds);
 
-private:
+  private:
     void pulse(unsigned bit);
 
     Registers &registers_;

@@ -46,8 +46,7 @@ std::string twoDigits(int v)
 
 } // namespace
 
-SteeringStep steeringLaw(std::int32_t centre, long offset, std::int32_t summPrev,
-                         std::int64_t intg)
+SteeringStep steeringLaw(std::int32_t centre, long offset, std::int32_t summPrev, std::int64_t intg)
 {
     SteeringStep r;
     r.e = static_cast<std::int32_t>(std::clamp(offset, -kOffsetLimit, kOffsetLimit));
@@ -71,9 +70,9 @@ std::uint32_t dacCode(std::int32_t u)
 
 std::string chartFileName(const std::tm &t)
 {
-    return std::string(chart::kDirectory) + "/ptp_data_" + std::to_string(t.tm_year + 1900) +
-           "~" + twoDigits(t.tm_mon + 1) + "~" + twoDigits(t.tm_mday) + "_" +
-           twoDigits(t.tm_hour) + "-" + twoDigits(t.tm_min);
+    return std::string(chart::kDirectory) + "/ptp_data_" + std::to_string(t.tm_year + 1900) + "~" +
+           twoDigits(t.tm_mon + 1) + "~" + twoDigits(t.tm_mday) + "_" + twoDigits(t.tm_hour) + "-" +
+           twoDigits(t.tm_min);
 }
 
 bool isChartFileName(const std::string &name)
@@ -92,8 +91,7 @@ bool isChartFileName(const std::string &name)
 
 Steering::Steering(Platform &platform, Registers &registers, Dac &dac, SharedState &shared)
     : platform_(platform), registers_(registers), dac_(dac), shared_(shared)
-{
-}
+{}
 
 void Steering::loadCentre()
 {
@@ -149,8 +147,8 @@ void Steering::chartPoint(std::int32_t offset)
     OutputFile file(platform_, name, OutputFile::Mode::Append);
     if (!file.isOpen())
         return; // RAM disk full or absent: the point is dropped
-    file.write(formatText("[new Date(\"%02d/%02d/%d %02d:%02d:%02d\"), %ld],\n",
-                  t.tm_mon + 1, t.tm_mday, t.tm_year + 1900, t.tm_hour, t.tm_min, t.tm_sec,
+    file.write(formatText("[new Date(\"%02d/%02d/%d %02d:%02d:%02d\"), %ld],\n", t.tm_mon + 1,
+                          t.tm_mday, t.tm_year + 1900, t.tm_hour, t.tm_min, t.tm_sec,
                           static_cast<long>(offset)));
     file.close();
     if (name != lastChart_) {

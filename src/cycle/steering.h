@@ -36,8 +36,7 @@ inline constexpr int kRootBlocks = kRamDiskBlocks / 20;
 inline constexpr int kFileBlocks = 3;
 inline constexpr int kFilesKept = 1000;
 static_assert(kFilesKept <= (kRamDiskInodes - kFileSystemInodes) / 2);
-static_assert(kFilesKept * kFileBlocks <=
-              (kRamDiskBlocks - kFileSystemBlocks - kRootBlocks) / 2);
+static_assert(kFilesKept * kFileBlocks <= (kRamDiskBlocks - kFileSystemBlocks - kRootBlocks) / 2);
 // Whatever else fills the RAM disk, the oldest chart files give way while
 // less than a quarter of its blocks or inodes is free.
 inline constexpr int kFreeQuarter = 4;
@@ -63,9 +62,8 @@ std::string chartFileName(const std::tm &t);
 // false for the placeholders and everything else.
 bool isChartFileName(const std::string &name);
 
-class Steering
-{
-public:
+class Steering {
+  public:
     Steering(Platform &platform, Registers &registers, Dac &dac, SharedState &shared);
 
     // Loads the centre code, then sends DAC command 4 with 2048 and command 3
@@ -75,10 +73,16 @@ public:
     // chart point.
     void Calculate_offset();
 
-    std::int32_t centre() const { return DAC_VOLTAGE; }
-    std::int32_t code() const { return Save_Sync; }
+    std::int32_t centre() const
+    {
+        return DAC_VOLTAGE;
+    }
+    std::int32_t code() const
+    {
+        return Save_Sync;
+    }
 
-private:
+  private:
     void loadCentre();
     void chartPoint(std::int32_t offset);
     void trimCharts(const std::string &current);

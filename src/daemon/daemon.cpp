@@ -19,10 +19,8 @@ Daemon::Daemon(Platform &platform)
       fpga_(std::make_unique<FpgaThread>(platform, *runner_, *gpio_, *registers_)),
       supervision_(
           std::make_unique<SupervisionThread>(platform, *runner_, *gpio_, *registers_, shared_)),
-      cycle_(std::make_unique<CycleThread>(platform, *runner_, *gpio_, *registers_, *dac_,
-                                           shared_))
-{
-}
+      cycle_(std::make_unique<CycleThread>(platform, *runner_, *gpio_, *registers_, *dac_, shared_))
+{}
 
 Daemon::~Daemon() = default;
 

@@ -16,9 +16,8 @@ class FpgaThread;
 class SupervisionThread;
 class CycleThread;
 
-class Daemon
-{
-public:
+class Daemon {
+  public:
     explicit Daemon(Platform &platform);
     ~Daemon();
     Daemon(const Daemon &) = delete;
@@ -32,9 +31,12 @@ public:
     // main(): both of the above, then the main thread waits for good.
     void run();
 
-    SharedState &shared() { return shared_; }
+    SharedState &shared()
+    {
+        return shared_;
+    }
 
-private:
+  private:
     Platform &platform_;
     SharedState shared_;
     std::unique_ptr<Runner> runner_;

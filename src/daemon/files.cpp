@@ -34,10 +34,9 @@ bool touchFile(Platform &platform, const std::string &path)
 
 OutputFile::OutputFile(Platform &platform, const std::string &path, Mode mode)
     : platform_(platform),
-      fd_(platform, platform.open(path, O_WRONLY | O_CREAT |
-                                            (mode == Mode::Append ? O_APPEND : O_TRUNC)))
-{
-}
+      fd_(platform,
+          platform.open(path, O_WRONLY | O_CREAT | (mode == Mode::Append ? O_APPEND : O_TRUNC)))
+{}
 
 OutputFile::~OutputFile()
 {
@@ -72,7 +71,7 @@ std::string formatText(const char *format, ...)
     const int size = std::vsnprintf(nullptr, 0, format, args);
     va_end(args);
     std::string text(static_cast<std::size_t>(size > 0 ? size : 0) + 1, '\0');
-    std::vsnprintf(text.data(), text.size(), format, again);
+    (void)std::vsnprintf(text.data(), text.size(), format, again);
     va_end(again);
     text.pop_back();
     return text;

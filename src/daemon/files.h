@@ -20,21 +20,26 @@ bool touchFile(Platform &platform, const std::string &path);
 
 // A file opened for writing, truncated ("w") or appended to ("a"). What is
 // written is kept and goes to the file in one write when it is closed.
-class OutputFile
-{
-public:
+class OutputFile {
+  public:
     enum class Mode { Truncate, Append };
     OutputFile(Platform &platform, const std::string &path, Mode mode);
     ~OutputFile();
     OutputFile(const OutputFile &) = delete;
     OutputFile &operator=(const OutputFile &) = delete;
 
-    bool isOpen() const { return fd_.isValid(); }
-    void write(std::string_view text) { pending_.append(text); }
+    bool isOpen() const
+    {
+        return fd_.isValid();
+    }
+    void write(std::string_view text)
+    {
+        pending_.append(text);
+    }
     // Writes what was written and closes; false when not all of it went out.
     bool close();
 
-private:
+  private:
     Platform &platform_;
     UniqueFd fd_;
     std::string pending_;

@@ -70,9 +70,8 @@ struct DateTimeSlot {
     std::string time;
 };
 
-class SharedState
-{
-public:
+class SharedState {
+  public:
     SharedState();
 
     // ---- `Command_Out`
@@ -102,7 +101,7 @@ public:
     // Held around every read-modify-write of FPGA register 2.
     Mutex register2;
 
-private:
+  private:
     mutable Mutex recordLock_;
     char Command_Out[co::kSize] GUARDED_BY(recordLock_) = {};
     std::tm timeinfo GUARDED_BY(recordLock_) = {};

@@ -18,13 +18,11 @@ inline constexpr const char *FPGA_A5 = "AA AA A5";
 // more character, its line end; only its first 10 characters take part.
 bool fpgaAnswered(const char *line);
 
-class FpgaThread
-{
-public:
+class FpgaThread {
+  public:
     FpgaThread(Platform &platform, Runner &runner, Gpio &gpio, Registers &registers)
         : platform_(platform), runner_(runner), gpio_(gpio), registers_(registers)
-    {
-    }
+    {}
 
     // Exports lines 182 and 13 as inputs.
     void InitFPGA();
@@ -34,9 +32,12 @@ public:
     void BurnFPGA();
     [[noreturn]] void ThreadSrvFPGA();
 
-    bool configured() const { return cfgOk == 1; }
+    bool configured() const
+    {
+        return cfgOk == 1;
+    }
 
-private:
+  private:
     bool attempt();
 
     Platform &platform_;

@@ -9,8 +9,7 @@ constexpr unsigned kMaxValue = 65535;
 
 Dac::Dac(Platform &platform, Gpio &gpio)
     : gpio_(gpio), clock_(platform, "96"), select_(platform, "106"), data_(platform, "118")
-{
-}
+{}
 
 void Dac::configureLines()
 {

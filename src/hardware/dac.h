@@ -11,9 +11,8 @@
 
 namespace zarvent {
 
-class Dac
-{
-public:
+class Dac {
+  public:
     Dac(Platform &platform, Gpio &gpio);
 
     // Exports the three lines as outputs: clock 0, select 1 (idle), data 0.
@@ -22,7 +21,7 @@ public:
     // sent, for a command above 15; a value above 65535 is sent as 65535.
     bool SPIWriteInt(unsigned command, unsigned value);
 
-private:
+  private:
     Gpio &gpio_;
     GpioLine clock_;
     GpioLine select_;

@@ -110,8 +110,7 @@ void Gpio::echoLevel(int line, int level)
 
 GpioLine::GpioLine(Platform &platform, std::string pin)
     : platform_(platform), pin_(std::move(pin)), path_(valuePath(pin_))
-{
-}
+{}
 
 bool GpioLine::ensureOpen()
 {
@@ -142,4 +141,3 @@ int GpioLine::set(int value)
 }
 
 } // namespace zarvent
-

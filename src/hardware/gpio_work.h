@@ -20,9 +20,8 @@ namespace zarvent {
 
 class Runner;
 
-class Gpio
-{
-public:
+class Gpio {
+  public:
     Gpio(Platform &platform, Runner &runner) : platform_(platform), runner_(runner) {}
 
     // Writes the pin text with its terminating zero to the export file; a line
@@ -47,7 +46,7 @@ public:
     // run in mode "w".
     void echoLevel(int line, int level);
 
-private:
+  private:
     int writeFile(const std::string &path, int flags, std::string_view bytes);
 
     Platform &platform_;
@@ -56,9 +55,8 @@ private:
 
 // One line whose value file stays open while its owner lives. Used by one
 // thread only.
-class GpioLine
-{
-public:
+class GpioLine {
+  public:
     GpioLine(Platform &platform, std::string pin);
 
     // PinGetInput on this line.
@@ -66,7 +64,7 @@ public:
     // PinSetOutput on this line.
     int set(int value);
 
-private:
+  private:
     bool ensureOpen();
 
     Platform &platform_;

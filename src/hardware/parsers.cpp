@@ -110,7 +110,8 @@ std::optional<std::uint64_t> parseRegisterLine(std::string_view line, int dataBy
         if (!isHex(line[at]) || !isHex(line[at + 1]) || (k > 0 && line[at - 1] != ' '))
             return std::nullopt;
         if (k >= 2)
-            value |= std::uint64_t{hexValue(line[at]) * 16 + hexValue(line[at + 1])} << (8 * (k - 2));
+            value |= std::uint64_t{hexValue(line[at]) * 16 + hexValue(line[at + 1])}
+                     << (8 * (k - 2));
     }
     return value;
 }
@@ -169,8 +170,7 @@ std::optional<std::int32_t> parseInteger(std::string_view text)
     if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X') && isHex(text[2]))
         return signedValue(leading(text.substr(2), isHex), 16, negative);
     if (!text.empty() && text[0] == '0')
-        return signedValue(leading(text, [](char c) { return c >= '0' && c <= '7'; }), 8,
-                           negative);
+        return signedValue(leading(text, [](char c) { return c >= '0' && c <= '7'; }), 8, negative);
     const std::string_view number = leading(text, isDigit);
     if (number.empty())
         return std::nullopt;

@@ -19,8 +19,8 @@ std::optional<std::uint64_t> parseRegisterLine(std::string_view line, int dataBy
 // The second line of ntptime's output as the classic tool prints it:
 //   "  time eea58352.1f2e3d4c  Mon, Nov 16 2026 13:27:46.121, (.121751),"
 struct NtptimeReading {
-    std::string stamp;           // columns 7-24: hex seconds, point, hex fraction, blank
-    std::string dateTime;        // columns 31-54: "Nov 16 2026 13:27:46.121"
+    std::string stamp;            // columns 7-24: hex seconds, point, hex fraction, blank
+    std::string dateTime;         // columns 31-54: "Nov 16 2026 13:27:46.121"
     std::uint32_t ntpSeconds = 0; // the seconds since 1900 (modulo 2^32)
 };
 std::optional<NtptimeReading> parseNtptimeLine(std::string_view line);

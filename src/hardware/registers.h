@@ -22,21 +22,19 @@ class Runner;
 class SharedState;
 
 namespace reg {
-inline const std::string kRead2 = "./spiWrite -m 0 -l 3 -d 1 2 0";
-inline const std::string kRead14 = "./spiWrite -m 0 -l 6 -d 4 14 0 0 0 0";
-inline const std::string kRead24 = "./spiWrite -m 0 -l 4 -d 2 24 0 0";
-inline const std::string kRead26 = "./spiWrite -m 0 -l 4 -d 2 26 0 0";
-inline const std::string kRead28 = "./spiWrite -m 0 -l 3 -d 1 28 0 0";
-inline const std::string kRead48 = "./spiWrite -m 0 -l 3 -d 1 48 0";
+inline constexpr const char *kRead2 = "./spiWrite -m 0 -l 3 -d 1 2 0";
+inline constexpr const char *kRead14 = "./spiWrite -m 0 -l 6 -d 4 14 0 0 0 0";
+inline constexpr const char *kRead24 = "./spiWrite -m 0 -l 4 -d 2 24 0 0";
+inline constexpr const char *kRead26 = "./spiWrite -m 0 -l 4 -d 2 26 0 0";
+inline constexpr const char *kRead28 = "./spiWrite -m 0 -l 3 -d 1 28 0 0";
+inline constexpr const char *kRead48 = "./spiWrite -m 0 -l 3 -d 1 48 0";
 } // namespace reg
 
-class Registers
-{
-public:
+class Registers {
+  public:
     Registers(Platform &platform, Runner &runner, SharedState &shared)
         : platform_(platform), runner_(runner), shared_(shared)
-    {
-    }
+    {}
 
     // Runs a read command line, calls the line reader `calls` times (five, or
     // six when the last call is to find the end of the output) and takes the
@@ -52,7 +50,7 @@ public:
     // written, or nothing when the read failed and nothing was written.
     std::optional<unsigned> modifyRegister2(unsigned set, unsigned clear, PipeMode mode);
 
-private:
+  private:
     Platform &platform_;
     Runner &runner_;
     SharedState &shared_;

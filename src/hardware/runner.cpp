@@ -15,13 +15,15 @@ namespace {
 constexpr std::size_t kDrainLimit = 1 << 20;
 
 // A started command and the bytes of its output not yet handed out.
-class Pipe
-{
-public:
+class Pipe {
+  public:
     explicit Pipe(std::unique_ptr<Command> command) : command_(std::move(command)) {}
     Pipe(const Pipe &) = delete;
     Pipe &operator=(const Pipe &) = delete;
-    ~Pipe() { close(); }
+    ~Pipe()
+    {
+        close();
+    }
 
     // One line into a buffer of bufferSize bytes: false at the end of the
     // output (the buffer is then left as it was).
@@ -44,7 +46,10 @@ public:
     }
 
     // True when the command printed at least one byte.
-    bool anyOutput() { return next_ < chunk_.size() || refill(); }
+    bool anyOutput()
+    {
+        return next_ < chunk_.size() || refill();
+    }
 
     int close()
     {
@@ -59,7 +64,7 @@ public:
         return status;
     }
 
-private:
+  private:
     bool refill()
     {
         chunk_.resize(4096);

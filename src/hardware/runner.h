@@ -27,9 +27,8 @@ struct CommandLines {
     std::string last;     // the buffer after the calls: the last line read
 };
 
-class Runner
-{
-public:
+class Runner {
+  public:
     explicit Runner(Platform &platform) : platform_(platform) {}
 
     // Runs a command line in mode and closes it, its output unread; false when
@@ -42,7 +41,7 @@ public:
     // (only whether it printed, never what, counts).
     bool hasOutput(const std::string &line);
 
-private:
+  private:
     Platform &platform_;
 };
 

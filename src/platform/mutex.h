@@ -23,28 +23,41 @@
 
 namespace zarvent {
 
-class CAPABILITY("mutex") Mutex
-{
-public:
-    void lock() ACQUIRE() { mutex_.lock(); }
-    bool tryLock() TRY_ACQUIRE(true) { return mutex_.try_lock(); }
-    void unlock() RELEASE() { mutex_.unlock(); }
+class CAPABILITY("mutex") Mutex {
+  public:
+    void lock() ACQUIRE()
+    {
+        mutex_.lock();
+    }
+    bool tryLock() TRY_ACQUIRE(true)
+    {
+        return mutex_.try_lock();
+    }
+    void unlock() RELEASE()
+    {
+        mutex_.unlock();
+    }
 
-private:
+  private:
     std::mutex mutex_;
 };
 
 // Holds a mutex for one short copy in or out; never held across a call
 // into the OS seam.
-class SCOPED_CAPABILITY MutexLocker
-{
-public:
-    explicit MutexLocker(Mutex &mutex) ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
-    ~MutexLocker() RELEASE() { mutex_.unlock(); }
+class SCOPED_CAPABILITY MutexLocker {
+  public:
+    explicit MutexLocker(Mutex &mutex) ACQUIRE(mutex) : mutex_(mutex)
+    {
+        mutex_.lock();
+    }
+    ~MutexLocker() RELEASE()
+    {
+        mutex_.unlock();
+    }
     MutexLocker(const MutexLocker &) = delete;
     MutexLocker &operator=(const MutexLocker &) = delete;
 
-private:
+  private:
     Mutex &mutex_;
 };
 

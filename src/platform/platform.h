@@ -32,9 +32,8 @@ namespace zarvent {
 enum class PipeMode { Read, Write };
 
 // A started command line (the child of popen).
-class Command
-{
-public:
+class Command {
+  public:
     virtual ~Command() = default;
     // Reads up to into.size() bytes of the command's output (PipeMode::Read):
     // the count read, 0 at the end of the output, -1 on an error.
@@ -51,9 +50,8 @@ struct FileSystemUsage {
     std::uint64_t freeInodes = 0;
 };
 
-class Platform
-{
-public:
+class Platform {
+  public:
     virtual ~Platform() = default;
 
     // ---- commands
@@ -104,31 +102,31 @@ public:
 
 // Holds a mutex through Platform::lock for a read-modify-write that runs
 // commands while it holds it.
-class SCOPED_CAPABILITY PlatformLocker
-{
-public:
+class SCOPED_CAPABILITY PlatformLocker {
+  public:
     PlatformLocker(Platform &platform, Mutex &mutex) ACQUIRE(mutex) : mutex_(mutex)
     {
         platform.lock(mutex_);
     }
-    ~PlatformLocker() RELEASE() { mutex_.unlock(); }
+    ~PlatformLocker() RELEASE()
+    {
+        mutex_.unlock();
+    }
     PlatformLocker(const PlatformLocker &) = delete;
     PlatformLocker &operator=(const PlatformLocker &) = delete;
 
-private:
+  private:
     Mutex &mutex_;
 };
 
 // Owner of one descriptor from Platform::open: closes it once.
-class UniqueFd
-{
-public:
+class UniqueFd {
+  public:
     UniqueFd() = default;
     UniqueFd(Platform &platform, int fd) : platform_(&platform), fd_(fd) {}
     UniqueFd(UniqueFd &&other) noexcept
         : platform_(other.platform_), fd_(std::exchange(other.fd_, -1))
-    {
-    }
+    {}
     UniqueFd &operator=(UniqueFd &&other) noexcept
     {
         if (this != &other) {
@@ -140,10 +138,19 @@ public:
     }
     UniqueFd(const UniqueFd &) = delete;
     UniqueFd &operator=(const UniqueFd &) = delete;
-    ~UniqueFd() { reset(); }
+    ~UniqueFd()
+    {
+        reset();
+    }
 
-    int get() const { return fd_; }
-    bool isValid() const { return fd_ >= 0; }
+    int get() const
+    {
+        return fd_;
+    }
+    bool isValid() const
+    {
+        return fd_ >= 0;
+    }
     void reset()
     {
         if (fd_ >= 0 && platform_ != nullptr)
@@ -151,7 +158,7 @@ public:
         fd_ = -1;
     }
 
-private:
+  private:
     Platform *platform_ = nullptr;
     int fd_ = -1;
 };

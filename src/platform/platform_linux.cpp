@@ -24,9 +24,8 @@ namespace {
 // daemon: the child's standard output (PipeMode::Read) or its standard input
 // (PipeMode::Write). Both pipe ends are close-on-exec, so the child inherits
 // none of the daemon's descriptors but the one end dup2'd onto 0 or 1.
-class ShellCommand final : public Command
-{
-public:
+class ShellCommand final : public Command {
+  public:
     ShellCommand(pid_t pid, int fd) : pid_(pid), fd_(fd) {}
     ~ShellCommand() override
     {
@@ -64,7 +63,7 @@ public:
         return done < 0 ? -1 : status;
     }
 
-private:
+  private:
     pid_t pid_;
     int fd_;
 };
@@ -85,8 +84,8 @@ std::unique_ptr<Command> LinuxPlatform::startCommand(const std::string &line, Pi
     posix_spawn_file_actions_adddup2(&actions, childEnd, reading ? STDOUT_FILENO : STDIN_FILENO);
     const char *argv[] = {"sh", "-c", line.c_str(), nullptr};
     pid_t pid = -1;
-    const int rc = ::posix_spawn(&pid, "/bin/sh", &actions, nullptr, const_cast<char **>(argv),
-                                 environ);
+    const int rc =
+        ::posix_spawn(&pid, "/bin/sh", &actions, nullptr, const_cast<char **>(argv), environ);
     posix_spawn_file_actions_destroy(&actions);
     ::close(childEnd);
     if (rc != 0) {

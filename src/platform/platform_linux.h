@@ -5,9 +5,8 @@
 
 namespace zarvent {
 
-class LinuxPlatform final : public Platform
-{
-public:
+class LinuxPlatform final : public Platform {
+  public:
     std::unique_ptr<Command> startCommand(const std::string &line, PipeMode mode) override;
     int open(const std::string &path, int flags) override;
     long read(int fd, std::span<char> into) override;

@@ -29,7 +29,7 @@ void bytesDown(std::string &out, const std::uint8_t *bytes, int from, int to)
 {
     char hex[3];
     for (int i = from; i >= to; --i) {
-        std::snprintf(hex, sizeof hex, "%.2x", bytes[i]);
+        (void)std::snprintf(hex, sizeof hex, "%.2x", bytes[i]);
         out += hex;
     }
 }

@@ -19,23 +19,24 @@ class Runner;
 // records of 13 bytes from byte 2, then 9-byte short records up to the end.
 std::string statTables(const std::uint8_t *rx, std::uint32_t frameLength);
 
-class StatCapture
-{
-public:
+class StatCapture {
+  public:
     static constexpr std::uint32_t kFrameLength = 1410;
 
     StatCapture(Platform &platform, Runner &runner, Registers &registers)
         : platform_(platform), runner_(runner), registers_(registers)
-    {
-    }
+    {}
 
     // Register 48 into register 1 with bit 2 set on every call; the exchange
     // and the stat file on every second call.
     void Stat_capture();
 
-    std::uint8_t phase() const { return scount; }
+    std::uint8_t phase() const
+    {
+        return scount;
+    }
 
-private:
+  private:
     // The device failed: its message and the system's reason on standard
     // error, then the end of the daemon.
     [[noreturn]] void pabort(std::string_view message);

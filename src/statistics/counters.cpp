@@ -16,13 +16,13 @@ constexpr std::uint64_t kNoReading = 65535;
 
 CounterFields requestFields(StatOut &out)
 {
-    return {out.ReqSec,  out.ReqMin,     out.ReqHour,     out.ReqDay,
+    return {out.ReqSec,  out.ReqMin,     out.ReqHour,    out.ReqDay,
             &out.ReqAvg, &out.ReqMinSum, &out.ReqHourSum};
 }
 
 CounterFields responseFields(StatOut &out)
 {
-    return {out.RespSec,  out.RespMin,     out.RespHour,     out.RespDay,
+    return {out.RespSec,  out.RespMin,     out.RespHour,    out.RespDay,
             &out.RespAvg, &out.RespMinSum, &out.RespHourSum};
 }
 

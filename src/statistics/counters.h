@@ -31,20 +31,18 @@ void aggregate(const CounterFields &c, std::uint64_t reading, const std::tm &t);
 CounterFields requestFields(StatOut &out);
 CounterFields responseFields(StatOut &out);
 
-class PacketCounters
-{
-public:
+class PacketCounters {
+  public:
     PacketCounters(Platform &platform, Registers &registers, SharedState &shared,
                    StatCapture &capture)
         : platform_(platform), registers_(registers), shared_(shared), capture_(capture)
-    {
-    }
+    {}
 
     // The first step of every cycle: the statistics flag, `timeinfo` for the
     // cycle's second, the SPI capture when the flag is on, the two counters.
     void Stat_read(std::int64_t cycleSecond);
 
-private:
+  private:
     bool statisticsFlag();
     std::uint64_t reading(const std::string &line);
 

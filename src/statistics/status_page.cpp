@@ -95,7 +95,7 @@ void StatusPage::FileWrite()
     const DateTimeSlot now = shared_.dateTime(co::kNow);
     page.write("<b>UTC</b>");
     page.write(formatText("\t\t<b>Date:</b>\t%s\n\t\t<b>Time:</b>\t%s\n", now.date.c_str(),
-                      now.time.c_str()));
+                          now.time.c_str()));
 
     const long x = parseDecimal(shared_.text(co::kOffset, 9)).value_or(0);
     std::int32_t mean = 0;
@@ -106,13 +106,14 @@ void StatusPage::FileWrite()
     }
     const std::string reference = shared_.text(co::kRefName, co::kNameField - 1);
     page.write(formatText("<b>Current Offset [ns]:</b>\t%ld\n<b>Mean Offset [ns]:</b>\t%ld\n"
-                      "<b>Jitter [ns]:</b>\t\t%ld\n<b>Reference time:</b>    %s\n",
-                      x, static_cast<long>(mean), static_cast<long>(jitter), reference.c_str()));
+                          "<b>Jitter [ns]:</b>\t\t%ld\n<b>Reference time:</b>    %s\n",
+                          x, static_cast<long>(mean), static_cast<long>(jitter),
+                          reference.c_str()));
 
     page.write(shared_.Alarm != 0 ? "<b>Alarm at:</b> " : "<b>Uptime from:</b> ");
     const DateTimeSlot event = shared_.dateTime(co::kEvent);
     page.write(formatText("\t<b>Date:</b>\t%s\n\t\t<b>Time:</b>\t%s\n", event.date.c_str(),
-                      event.time.c_str()));
+                          event.time.c_str()));
 
     page.write("\n<b>PTP Packets:\t\tLast\tAverage</b>\n");
     const std::tm t = shared_.getTimeinfo();
@@ -121,7 +122,9 @@ void StatusPage::FileWrite()
     const int previous = s == 0 ? 59 : s - 1;
     const int minute = t.tm_hour * 60 + t.tm_min;
     const int day = t.tm_mday >= 1 && t.tm_mday <= 31 ? t.tm_mday : 0;
-    auto low32 = [](std::uint64_t v) { return static_cast<unsigned>(static_cast<std::uint32_t>(v)); };
+    auto low32 = [](std::uint64_t v) {
+        return static_cast<unsigned>(static_cast<std::uint32_t>(v));
+    };
     page.write(formatText(
         "<b>Request per Second:</b>\t%u\t%.2f\n<b>Response per Second:</b>\t%u\t%.2f\n"
         "<b>Request per Minute:</b>\t%u\t%.2f\n<b>Response per Minute:</b>\t%u\t%.2f\n"

@@ -28,19 +28,20 @@ struct OffsetFilter {
 // 7 "Ok", anything else six blanks.
 const char *antennaText(unsigned code);
 
-class StatusPage
-{
-public:
+class StatusPage {
+  public:
     StatusPage(Platform &platform, Runner &runner, SharedState &shared)
         : platform_(platform), runner_(runner), shared_(shared)
-    {
-    }
+    {}
 
     void FileWrite();
 
-    const OffsetFilter &filter() const { return filter_; }
+    const OffsetFilter &filter() const
+    {
+        return filter_;
+    }
 
-private:
+  private:
     bool emulationOn();
 
     Platform &platform_;

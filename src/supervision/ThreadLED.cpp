@@ -29,8 +29,7 @@ SupervisionThread::SupervisionThread(Platform &platform, Runner &runner, Gpio &g
       alarm_(std::make_unique<AlarmLogic>(runner, gpio, registers, shared)),
       antenna_(std::make_unique<AntennaMonitor>(platform, gpio, shared)),
       factory_(std::make_unique<FactoryDefault>(platform, runner, gpio))
-{
-}
+{}
 
 SupervisionThread::~SupervisionThread() = default;
 
@@ -60,8 +59,8 @@ void SupervisionThread::logReference(const std::string &name)
     OutputFile log(platform_, errorlog::kPath, OutputFile::Mode::Append);
     if (!log.isOpen())
         return;
-    log.write(formatText("%02d.%02d %02d:%02d:%02d ", t.tm_mday, t.tm_mon + 1, t.tm_hour,
-                         t.tm_min, t.tm_sec));
+    log.write(formatText("%02d.%02d %02d:%02d:%02d ", t.tm_mday, t.tm_mon + 1, t.tm_hour, t.tm_min,
+                         t.tm_sec));
     log.write("Reference time: " + name + "\n");
 }
 

@@ -26,7 +26,7 @@ class FactoryDefault;
 namespace errorlog {
 inline constexpr const char *kPath = "/ramcache/zarvent/errorlog.log";
 inline constexpr const char *kPrevious = "/ramcache/zarvent/errorlog.log.1";
-inline constexpr std::int64_t kLimit = 64 * 1024;
+inline constexpr std::int64_t kLimit = std::int64_t{64} * 1024;
 } // namespace errorlog
 
 // "ntpq -p | grep '*G'": present when the system peer is the GPS reference.
@@ -34,9 +34,8 @@ bool ControlRefclock(Runner &runner);
 // "ntpq -p | grep 'oG'": present when the PPS peer is the GPS reference.
 bool ControlRefPPS(Runner &runner);
 
-class SupervisionThread
-{
-public:
+class SupervisionThread {
+  public:
     SupervisionThread(Platform &platform, Runner &runner, Gpio &gpio, Registers &registers,
                       SharedState &shared);
     ~SupervisionThread();
@@ -51,10 +50,16 @@ public:
     // The thread: set-up, "adjtimex -t 10082", then passes forever.
     [[noreturn]] void ThreadSrvLED();
 
-    AlarmLogic &alarm() { return *alarm_; }
-    AntennaMonitor &antenna() { return *antenna_; }
+    AlarmLogic &alarm()
+    {
+        return *alarm_;
+    }
+    AntennaMonitor &antenna()
+    {
+        return *antenna_;
+    }
 
-private:
+  private:
     bool referenceStep();
     void logReference(const std::string &name);
 

@@ -13,17 +13,15 @@ class Gpio;
 class Registers;
 class SharedState;
 
-class AlarmLogic
-{
-public:
+class AlarmLogic {
+  public:
     AlarmLogic(Runner &runner, Gpio &gpio, Registers &registers, SharedState &shared)
         : runner_(runner), gpio_(gpio), registers_(registers), shared_(shared)
-    {
-    }
+    {}
 
     void ControlAlarm();
 
-private:
+  private:
     void captureEventTime();
 
     Runner &runner_;

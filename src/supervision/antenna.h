@@ -12,19 +12,20 @@ class Platform;
 class Gpio;
 class SharedState;
 
-class AntennaMonitor
-{
-public:
+class AntennaMonitor {
+  public:
     AntennaMonitor(Platform &platform, Gpio &gpio, SharedState &shared)
         : platform_(platform), gpio_(gpio), shared_(shared)
-    {
-    }
+    {}
 
     void ControlAntenna();
 
-    bool heldOff() const { return over != 0; }
+    bool heldOff() const
+    {
+        return over != 0;
+    }
 
-private:
+  private:
     Platform &platform_;
     Gpio &gpio_;
     SharedState &shared_;

@@ -14,13 +14,13 @@ bool FactoryDefault::NtpDefault()
     if (gpio_.readLevel("88") != 0)
         return false;
     gpio_.echoLevel(78, 1);
-    for (const char *line : {"ifconfig eth0 192.168.2.100 netmask 255.255.255.0", "cd /etc",
-                             "mv -f /etc/ntp.conf /etc/ntp.conf.bak",
-                             "cp /usr/bin/Zarvent/defcnfg /etc/ntp.conf",
-                             "mv -f /etc/resolv.conf /etc/resolv.conf.bak",
-                             "cp /usr/bin/Zarvent/resolv.conf /etc/resolv.conf", "cd /etc/network",
-                             "mv -f /etc/network/interfaces /etc/network/interfaces.bak",
-                             "cp /usr/bin/Zarvent/interfaces /etc/network/interfaces"})
+    for (const char *line :
+         {"ifconfig eth0 192.168.2.100 netmask 255.255.255.0", "cd /etc",
+          "mv -f /etc/ntp.conf /etc/ntp.conf.bak", "cp /usr/bin/Zarvent/defcnfg /etc/ntp.conf",
+          "mv -f /etc/resolv.conf /etc/resolv.conf.bak",
+          "cp /usr/bin/Zarvent/resolv.conf /etc/resolv.conf", "cd /etc/network",
+          "mv -f /etc/network/interfaces /etc/network/interfaces.bak",
+          "cp /usr/bin/Zarvent/interfaces /etc/network/interfaces"})
         runner_.run(line, PipeMode::Read);
     platform_.sleepSeconds(1);
     gpio_.echoLevel(78, 0);

@@ -10,18 +10,16 @@ class Platform;
 class Runner;
 class Gpio;
 
-class FactoryDefault
-{
-public:
+class FactoryDefault {
+  public:
     FactoryDefault(Platform &platform, Runner &runner, Gpio &gpio)
         : platform_(platform), runner_(runner), gpio_(gpio)
-    {
-    }
+    {}
 
     // True when the button was pressed and the files restored.
     bool NtpDefault();
 
-private:
+  private:
     Platform &platform_;
     Runner &runner_;
     Gpio &gpio_;

@@ -29,8 +29,7 @@ std::int32_t leapOffsetOfLine(std::string_view line)
 // software has always reported it.
 std::int32_t Parse_File(Platform &platform, Runner &runner)
 {
-    const auto list =
-        readFileStart(platform, "/leap-seconds.list", kLinesRead * (kLineBuffer - 1));
+    const auto list = readFileStart(platform, "/leap-seconds.list", kLinesRead * (kLineBuffer - 1));
     if (!list)
         return -1;
     {

@@ -18,10 +18,12 @@ namespace zarvent::test {
 // 2026-11-16 13:27:00 UTC: local time on the virtual board is UTC.
 inline constexpr std::int64_t kStart = 1794835620;
 
-class BoardTest : public ::testing::Test
-{
-protected:
-    BoardTest() { board.boardTree(); }
+class BoardTest : public ::testing::Test {
+  protected:
+    BoardTest()
+    {
+        board.boardTree();
+    }
 
     // The command lines run so far, in order.
     std::vector<std::string> lines() const
@@ -50,7 +52,10 @@ protected:
     {
         return sim::VirtualBoard::formatNtptime(unixUs, 37);
     }
-    std::string file(const std::string &path) const { return board.readFile(path).value_or("<missing>"); }
+    std::string file(const std::string &path) const
+    {
+        return board.readFile(path).value_or("<missing>");
+    }
 
     sim::VirtualBoard board{kStart};
     Runner runner{board};
