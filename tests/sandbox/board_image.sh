@@ -5,7 +5,10 @@
 # namespaces, without the capabilities that reach the clock, modules, reboot
 # or raw devices, in the bounding and in the inheritable set.
 #   image_check              exit 77 (skipped) when the image cannot be made here
-#   image_make ROOT ZARVENT  build the image in ROOT with the daemon binary
+#   image_make ROOT ZARVENT  build the image in ROOT with the daemon binary;
+#                            with ZARVENT a .deb, the image installs that
+#                            package, and an armhf daemon runs under
+#                            qemu-arm-static (the board's tools stay the host's)
 #   image_start ROOT PULSE   start the daemon (PULSE 1: line 19 pulses once a second)
 #   image_stop               end it
 #   image_daemon_pid ROOT    the daemon's process id, as this machine sees it
@@ -42,12 +45,26 @@ image_make() {
         ln -s busybox "$root/bin/$a"
     done
     cp /bin/dash "$root/bin/sh"
-    local lib
-    for lib in $( (ldd "$zarvent"; ldd /bin/dash) | grep -o '/[^ ]*' | sort -u); do
+    local lib emulator=
+    if [[ $zarvent == *.deb ]]; then
+        dpkg-deb -x "$zarvent" "$root"
+        zarvent=$root/usr/bin/Zarvent/zarvent
+        # e_machine 0x28: an ARM binary.
+        if [ "$(od -An -tx1 -j18 -N1 "$zarvent" | tr -d ' ')" = 28 ]; then
+            # The armhf runtime where the board has it, and the emulator.
+            mkdir -p "$root/lib/arm-linux-gnueabihf" "$root/usr/bin"
+            cp -L /usr/arm-linux-gnueabihf/lib/ld-linux-armhf.so.3 "$root/lib/"
+            cp -L /usr/arm-linux-gnueabihf/lib/{libc.so.6,libm.so.6} "$root/lib/arm-linux-gnueabihf/"
+            cp /usr/bin/qemu-arm-static "$root/usr/bin/qemu-arm-static"
+            emulator=/usr/bin/qemu-arm-static
+        fi
+    else
+        cp "$zarvent" "$root/usr/bin/Zarvent/zarvent"
+    fi
+    for lib in $( (ldd "$zarvent" 2>/dev/null; ldd /bin/dash) | grep -o '/[^ ]*' | sort -u); do
         mkdir -p "$root$(dirname "$lib")"
         cp -L "$lib" "$root$lib"
     done
-    cp "$zarvent" "$root/usr/bin/Zarvent/zarvent"
     echo bitstream > "$root/usr/bin/Zarvent/Version_1.rbf"
     echo 32768 > "$root/usr/bin/Zarvent/dac_voltage"
     echo 0 > "$root/usr/bin/Zarvent/enable.cfg"
@@ -105,16 +122,16 @@ echo "  maximum error 16000 us, estimated error 16 us, TAI offset 37"'
     done
     for n in 79 85 86 87 88 176; do echo 1 > "$root/sys/class/gpio/gpio$n/value"; done
 
-    cat > "$root/start.sh" <<'EOS'
+    cat > "$root/start.sh" <<EOS
 #!/bin/sh
 # The FPGA's pulse: line 19 high for 100 ms of every second.
-if [ "$1" = 1 ]; then
+if [ "\$1" = 1 ]; then
   ( while true; do
       echo 1 > /sys/class/gpio/gpio19/value; echo pulse >> /log/pulses; usleep 100000
       echo 0 > /sys/class/gpio/gpio19/value; usleep 900000
     done ) &
 fi
-cd /usr/bin/Zarvent && exec ./zarvent > /log/stdout 2> /log/stderr
+cd /usr/bin/Zarvent && exec $emulator ./zarvent > /log/stdout 2> /log/stderr
 EOS
     chmod 755 "$root/start.sh"
 }
@@ -136,7 +153,8 @@ image_stop() {
 image_daemon_pid() {
     local p
     for p in /proc/[0-9]*; do
-        [ "$(readlink "$p/root" 2>/dev/null)" = "$1" ] && [ "$(cat "$p/comm" 2>/dev/null)" = zarvent ] &&
+        [ "$(readlink "$p/root" 2>/dev/null)" = "$1" ] &&
+            grep -qx "zarvent\|qemu-arm-static" "$p/comm" 2>/dev/null &&
             { echo "${p#/proc/}"; return 0; }
     done
     return 1
