@@ -86,7 +86,12 @@ void Scheduler::passBaton(std::unique_lock<std::mutex> &lock, Thread *self)
     current_ = next;
     if (next == self)
         return;
+    // Wake the next thread without the lock held, so that it does not wake
+    // only to block on it; it may even hand the baton back before this thread
+    // waits, which the wait's predicate sees.
+    lock.unlock();
     next->wakeUp.notify_one();
+    lock.lock();
     if (self != nullptr)
         self->wakeUp.wait(lock, [&] { return current_ == self; });
 }

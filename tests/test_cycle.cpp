@@ -321,6 +321,13 @@ TEST_F(SteeringTest, ChartFilesOfEveryRunStayWithinTheBound)
     EXPECT_LE(chartFiles(), 300u); // 600 blocks of structures, one block a file
     EXPECT_GT(chartFiles(), 250u);
     EXPECT_TRUE(board.exists(chartFileName(*board.localTime(kStart + 60))));
+
+    // Tight even with every older chart gone: the current minute's file stays.
+    board.setRamDisk(700, 2048);
+    runner.run("mount /dev/ram1 /ramcache", PipeMode::Read);
+    steerAt(kStart + 120);
+    EXPECT_EQ(chartFiles(), 1u);
+    EXPECT_TRUE(board.exists(chartFileName(*board.localTime(kStart + 120))));
 }
 
 } // namespace

@@ -54,6 +54,9 @@ TEST(Parsers, NtptimeLineOnlyInTheClassicForm)
         parseNtptimeLine("  time ee97c302.014fbdac  Fri, Nov  6 2026  3:07:46.005, (.005123456),");
     ASSERT_TRUE(padded);
     EXPECT_EQ(padded->dateTime, "Nov  6 2026  3:07:46.005");
+    // Every field at its largest: a leap second at the end of a month.
+    EXPECT_TRUE(
+        parseNtptimeLine("  time f0a3c1ff.00000000  Thu, Dec 31 2026 23:59:60.999, (.999000),"));
 
     for (const char *bad : {
              "  time eeade443.45e05000 2026-11-22T21:59:31.272Z, (.272954),", // ISO form

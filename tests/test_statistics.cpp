@@ -216,6 +216,11 @@ TEST_F(PageTest, MeanAndJitterWhileSteering)
               std::string::npos);
     EXPECT_EQ(shared.Jitter, 2);
     EXPECT_NE(text.find("<b>GPS Emulation:</b>\tOff\n"), std::string::npos);
+    // A flag file without a number is not "on".
+    board.writeFile("/usr/bin/Zarvent/nmea_emul_flag.txt", "x\n");
+    page.FileWrite();
+    EXPECT_NE(file("/ramcache/zarvent/ntp_data.txt").find("<b>GPS Emulation:</b>\tOff\n"),
+              std::string::npos);
 }
 
 TEST_F(PageTest, PageThatCannotBeOpened)

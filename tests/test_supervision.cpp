@@ -221,6 +221,7 @@ TEST_F(SupervisionTest, LeapSecondList)
         longList += "3644697600\t36\t# 1 Jul 2015\n";
     EXPECT_EQ(leap(longList + "3692217600\t0x25\t# line 238\n3692217600\t99\t# line 239\n"), 37);
     EXPECT_EQ(leap("# only comments\n#\n"), 0);
+    EXPECT_EQ(leap("3692217600\tnone\t# no offset\n"), 0);
     EXPECT_FALSE(board.exists("temp"));
     board.setReadOnly("/usr/bin/Zarvent", true);
     EXPECT_EQ(leap("3692217600\t37\t# 1 Jan 2017\n"), -1);
