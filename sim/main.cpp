@@ -3,6 +3,7 @@
 // --show redraws the demo screen every board second. The board's files stay in
 // DIR/board (for example DIR/board/ramcache/zarvent/ntp_data.txt), the run's
 // logs in DIR/logs.
+#include <sched.h>
 #include <signal.h>
 
 #include <atomic>
@@ -25,6 +26,21 @@ void onSignal(int)
     stopRequested.store(true);
 }
 
+// Only one of the daemon's threads runs at a time in virtual time. On one CPU
+// each hand-over is a direct switch between two threads; spread over several,
+// every hand-over waits for a wake-up on another CPU, which costs the run
+// about a fifth of its speed.
+void stayOnOneCpu()
+{
+    const int cpu = ::sched_getcpu();
+    if (cpu < 0)
+        return;
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    CPU_SET(static_cast<unsigned>(cpu), &set);
+    (void)::sched_setaffinity(0, sizeof set, &set); // only speed is lost if refused
+}
+
 int usage()
 {
     std::fprintf(
@@ -37,6 +53,7 @@ int usage()
 
 int main(int argc, char **argv)
 {
+    stayOnOneCpu();
     zarvent::sim::RunOptions options;
     bool show = false;
     for (int i = 1; i < argc; i++) {
