@@ -127,7 +127,7 @@ echo "  maximum error 16000 us, estimated error 16 us, TAI offset 37"'
 # The FPGA's pulse: line 19 high for 100 ms of every second.
 if [ "\$1" = 1 ]; then
   ( while true; do
-      echo 1 > /sys/class/gpio/gpio19/value; echo pulse >> /log/pulses; usleep 100000
+      echo 1 > /sys/class/gpio/gpio19/value; echo pulse >> /log/pulses; echo "-- pulse" >> /log/commands.log; usleep 100000
       echo 0 > /sys/class/gpio/gpio19/value; usleep 900000
     done ) &
 fi

@@ -35,13 +35,16 @@ done
 grep -q "^CapInh:	0000000000000000" "/proc/$(image_daemon_pid "$ROOT")/status" ||
     fail "the daemon holds inheritable capabilities"
 
-# One cycle per pulse: the offset readout reads register 14 once per cycle.
-# The first pulses may come before the cycle thread runs (start-up takes
-# longer for an emulated armhf binary).
+# One cycle per pulse: the offset readout reads register 14 once per cycle,
+# and the pulse writer marks each rising edge in the command log. No pulse
+# may hold two cycles; on a loaded machine a cycle can outlast a second, so
+# only most pulses need one.
 pulses=$(wc -l < "$ROOT/log/pulses")
 cycles=$(log | grep -c "spiWrite -m 0 -l 6 -d 4 14 0 0 0 0" || true)
-echo "pulses $pulses cycles $cycles"
-[ "$cycles" -ge $((pulses - 3)) ] && [ "$cycles" -le "$pulses" ] || fail "cycles $cycles for $pulses pulses"
+most=$(log | awk '/^-- pulse/ { n = 0 } /spiWrite -m 0 -l 6 -d 4 14 / { if (++n > m) m = n } END { print m + 0 }')
+echo "pulses $pulses cycles $cycles, at most $most in one pulse"
+[ "$most" -le 1 ] || fail "$most cycles after one pulse"
+[ "$cycles" -ge $((pulses / 2)) ] || fail "cycles $cycles for $pulses pulses"
 
 page=$(cat "$Z/ntp_data.txt") || fail "no status page"
 today=$(date -u "+%b %e %Y")
@@ -58,9 +61,13 @@ zone=/usr/share/zoneinfo/Etc/GMT-5
 [ -f "$zone" ] && cp "$zone" "$ROOT/etc/localtime"
 rm "$ROOT/bin/ntpq"
 before=$(log | grep -c "spiWrite -m 0 -l 6 -d 4 14")
-sleep 5
+# Five seconds, longer on a loaded machine, for a supervision pass to notice.
+for _ in $(seq 15); do
+    sleep 1
+    after=$(log | grep -c "spiWrite -m 0 -l 6 -d 4 14")
+    [ "$after" -ge $((before + 3)) ] && grep -q "Reference time: NULL$" "$Z/errorlog.log" && break
+done
 kill -0 "$IMAGE_PID" 2>/dev/null || fail "the daemon ended without ntpq"
-after=$(log | grep -c "spiWrite -m 0 -l 6 -d 4 14")
 [ "$after" -ge $((before + 3)) ] || fail "cycles stopped without ntpq ($before -> $after)"
 grep -q "Reference time: NULL$" "$Z/errorlog.log" || fail "no NULL reference in the errorlog"
 grep -q "^<b>Reference time:</b>    NULL$" "$Z/ntp_data.txt" || fail "page reference without ntpq"
@@ -68,7 +75,7 @@ if [ -f "$zone" ]; then
     stamp=$(grep "Reference time: NULL$" "$Z/errorlog.log" | tail -n 1 | cut -c7-8)
     now=$(date +%s)
     case "$stamp" in
-    "$(TZ=Etc/GMT-5 date -d @$((now - 8)) +%H)" | "$(TZ=Etc/GMT-5 date -d @$now +%H)") ;;
+    "$(TZ=Etc/GMT-5 date -d @$((now - 20)) +%H)" | "$(TZ=Etc/GMT-5 date -d @$now +%H)") ;;
     *) fail "the error log's hour $stamp is not the new zone's" ;;
     esac
 fi
