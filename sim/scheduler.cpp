@@ -195,6 +195,13 @@ void Scheduler::finish()
             t->handle.join();
 }
 
+std::size_t Scheduler::liveThreads() const
+{
+    const std::lock_guard lock(mutex_);
+    return static_cast<std::size_t>(
+        std::count_if(threads_.begin(), threads_.end(), [](const auto &t) { return t->alive; }));
+}
+
 std::size_t Scheduler::threadCount() const
 {
     const std::lock_guard lock(mutex_);

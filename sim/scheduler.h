@@ -45,6 +45,8 @@ class Scheduler {
     void finish();
     // Threads scheduled so far, the owner included.
     std::size_t threadCount() const;
+    // Threads whose entry has not yet returned, the owner included.
+    std::size_t liveThreads() const;
 
   private:
     struct Thread;

@@ -235,6 +235,7 @@ struct VirtualBoard::State {
     std::vector<std::thread> threads;
     std::multiset<std::thread::id> daemonThreads;
     bool stopped = false;
+    bool stopRequested = false;
 
     // ---- the models (the functions named ...Locked expect mutex held)
     std::string hostPath(const std::string &boardPath) const
@@ -1463,7 +1464,19 @@ void VirtualBoard::startThread(std::function<void()> entry)
     }
 }
 
-void VirtualBoard::blockForever()
+bool VirtualBoard::stopRequested()
+{
+    const std::lock_guard lock(state_->mutex);
+    return state_->stopRequested;
+}
+
+void VirtualBoard::requestStop(bool stop)
+{
+    const std::lock_guard lock(state_->mutex);
+    state_->stopRequested = stop;
+}
+
+void VirtualBoard::waitForStop()
 {
     state_->checkRunning();
     Scheduler *scheduler = nullptr;
@@ -1473,9 +1486,10 @@ void VirtualBoard::blockForever()
     }
     if (scheduler == nullptr)
         throw SimulationEnded{};
-    // Never woken but by the end of the run.
-    for (;;)
-        scheduler->wait(INT64_MAX / 4);
+    // The daemon's threads look at the request between their steps; one
+    // poll interval of virtual time at a time until the last has ended.
+    while (!stopRequested() || scheduler->liveThreads() > 1)
+        scheduler->wait(500);
 }
 
 void VirtualBoard::lock(Mutex &mutex) NO_THREAD_SAFETY_ANALYSIS

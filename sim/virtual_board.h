@@ -117,7 +117,11 @@ class VirtualBoard final : public Platform {
     void sleepSeconds(unsigned seconds) override;
     void sleepMicroseconds(unsigned microseconds) override;
     void startThread(std::function<void()> entry) override;
-    [[noreturn]] void blockForever() override;
+    bool stopRequested() override;
+    // Without a scheduler the caller's wait ends the run (SimulationEnded);
+    // with one, virtual time passes until a stop is requested and every
+    // daemon thread has ended.
+    void waitForStop() override;
     void lock(Mutex &mutex) override ACQUIRE(mutex);
     void writeError(std::string_view text) override;
     [[noreturn]] void abortProcess() override;
@@ -216,6 +220,9 @@ class VirtualBoard final : public Platform {
     // ---- the process
     std::string errorOutput() const; // all the daemon wrote to standard error
     bool aborted() const;
+    // SIGTERM to the daemon: stopRequested() is true from now on (false again
+    // with requestStop(false), for a daemon started after it).
+    void requestStop(bool stop = true);
 
     // ---- threads
     std::size_t threadCount() const;

@@ -6,7 +6,9 @@
 #include <thread>
 
 #include "daemon/daemon.h"
+#include "board_model.h"
 #include "fpga/ThreadFPGA.h"
+#include "scheduler.h"
 
 namespace zarvent::test {
 namespace {
@@ -107,6 +109,34 @@ TEST(Threads, DaemonThreadsAtOnce)
     EXPECT_GT(board.loaderRuns(), 0);
     for (const auto &word : board.dacWords())
         EXPECT_FALSE(word.malformed);
+}
+
+// A stop request ends every thread within a supervision pass; whatever was
+// open is closed when the daemon's parts go away.
+TEST(Threads, StopEndsEveryThreadAndClosesAll)
+{
+    sim::VirtualBoard board(kStart);
+    board.boardTree();
+    sim::BoardModel model(board, {});
+    model.command({"rmc", "A"});
+    board.writeFile("/usr/bin/Zarvent/enable.cfg", "1\n");
+    sim::Scheduler scheduler(board, 0);
+    {
+        Daemon daemon(board);
+        daemon.CreateRAMDisk();
+        daemon.CreateThreads();
+        scheduler.wait(70'000'000); // steering and statistics under way
+        EXPECT_GT(board.openDescriptors(), 0);
+        board.requestStop();
+        const std::int64_t asked = board.nowUs();
+        board.waitForStop();
+        EXPECT_LT(board.nowUs() - asked, 5'000'000);
+        EXPECT_EQ(scheduler.liveThreads(), 1u);
+        const auto words = board.dacWords().size();
+        scheduler.wait(3'000'000);
+        EXPECT_EQ(board.dacWords().size(), words); // nothing runs any more
+    }
+    EXPECT_EQ(board.openDescriptors(), 0);
 }
 
 TEST(Threads, SlotIsReadWhole)

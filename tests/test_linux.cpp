@@ -2,10 +2,13 @@
 // sleep, touch, ls, yes) and files in a temporary directory.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
 #include <string>
+#include <unistd.h>
 
 #include "hardware/runner.h"
 #include "platform/platform_linux.h"
@@ -80,6 +83,26 @@ TEST_F(LinuxTest, CommandsInheritNoDescriptor)
     const CommandLines out =
         runner.readLines("ls -l /proc/self/fd/ | grep -c " + kept.filename().string(), 1);
     EXPECT_EQ(out.last, "0\n");
+}
+
+// SIGTERM stays pending until the main thread takes it; the threads then see
+// the request and are joined; a tool started meanwhile has no signal blocked.
+TEST_F(LinuxTest, StopSignalEndsEveryThread)
+{
+    std::atomic<int> ended{0};
+    for (int i = 0; i < 2; ++i)
+        platform.startThread([&] {
+            while (!platform.stopRequested())
+                platform.sleepMicroseconds(1000);
+            ++ended;
+        });
+    const CommandLines mask = runner.readLines("grep SigBlk /proc/self/status", 1);
+    EXPECT_EQ(mask.last, "SigBlk:\t0000000000000000\n");
+    EXPECT_FALSE(platform.stopRequested());
+    ASSERT_EQ(::kill(::getpid(), SIGTERM), 0);
+    platform.waitForStop();
+    EXPECT_TRUE(platform.stopRequested());
+    EXPECT_EQ(ended.load(), 2);
 }
 
 TEST_F(LinuxTest, LocalTimeBeyond2038)

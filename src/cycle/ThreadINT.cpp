@@ -90,7 +90,7 @@ bool CycleThread::poll()
 void CycleThread::ThreadSrvINT()
 {
     setup();
-    for (;;) {
+    while (!platform_.stopRequested()) {
         poll();
         platform_.sleepMicroseconds(kPollMicroseconds);
     }

@@ -45,8 +45,8 @@ class CycleThread {
     bool poll();
     // The cycle's steps, in order.
     void runCycle();
-    // The thread: set-up, then a poll every 500 µs, forever.
-    [[noreturn]] void ThreadSrvINT();
+    // The thread: set-up, then a poll every 500 µs until the daemon stops.
+    void ThreadSrvINT();
 
     PacketCounters &counters()
     {

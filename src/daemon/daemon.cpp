@@ -66,9 +66,12 @@ void Daemon::run()
 {
     CreateRAMDisk();
     CreateThreads();
-    // The main thread has no further work and must never return (that would
-    // end the process): it waits without using the processor.
-    platform_.blockForever();
+    // The main thread has no further work: it waits without using the
+    // processor until the daemon is asked to stop. Each thread then ends its
+    // loop at the next look (a cycle or a supervision pass under way is
+    // finished first, so no file is left half-written), and the parts go
+    // away with every descriptor closed.
+    platform_.waitForStop();
 }
 
 } // namespace zarvent

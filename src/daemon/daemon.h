@@ -28,7 +28,8 @@ class Daemon {
     void CreateRAMDisk();
     // Starts the FPGA, supervision and cycle threads, in this order.
     void CreateThreads();
-    // main(): both of the above, then the main thread waits for good.
+    // main(): both of the above, then the main thread waits until the daemon
+    // is asked to stop and its threads have ended.
     void run();
 
     SharedState &shared()

@@ -1,4 +1,5 @@
-// zarvent: no arguments, no environment; runs until it is killed.
+// zarvent: no arguments, no environment; runs until SIGTERM or SIGINT asks it
+// to stop, then ends its threads, closes what it holds and exits with 0.
 #include "daemon/daemon.h"
 #include "platform/platform_linux.h"
 

@@ -46,7 +46,7 @@ void FpgaThread::BurnFPGA()
 {
     if (cfgOk == 0)
         runner_.run("./wrFPGA --file Version_1.rbf", PipeMode::Read); // goes on if it cannot start
-    while (cfgOk != 1) {
+    while (cfgOk != 1 && !platform_.stopRequested()) {
         cfgOk = attempt() ? 1 : 0;
         if (cfgOk == 1)
             return;
@@ -62,7 +62,7 @@ void FpgaThread::SrvFPGA()
 void FpgaThread::ThreadSrvFPGA()
 {
     InitFPGA();
-    for (;;) {
+    while (!platform_.stopRequested()) {
         SrvFPGA();
         platform_.sleepSeconds(2);
     }

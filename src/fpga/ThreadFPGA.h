@@ -30,7 +30,7 @@ class FpgaThread {
     void SrvFPGA();
     // Loads the FPGA if it has not answered yet; returns once it has.
     void BurnFPGA();
-    [[noreturn]] void ThreadSrvFPGA();
+    void ThreadSrvFPGA();
 
     bool configured() const
     {

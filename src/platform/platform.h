@@ -86,10 +86,15 @@ class Platform {
     virtual void sleepMicroseconds(unsigned microseconds) = 0;
 
     // ---- threads and locks
-    // Starts a detached thread running entry.
+    // Starts a thread running entry.
     virtual void startThread(std::function<void()> entry) = 0;
-    // Blocks the calling thread for good without using the processor.
-    [[noreturn]] virtual void blockForever() = 0;
+    // True once the daemon has been asked to stop (SIGTERM or SIGINT on the
+    // board). Every loop of the daemon's threads looks at it.
+    virtual bool stopRequested() = 0;
+    // Blocks the calling thread without using the processor until the daemon
+    // is asked to stop, then until every thread started by startThread has
+    // ended.
+    virtual void waitForStop() = 0;
     // Takes a mutex that its holder keeps across other calls of this
     // interface (the read-modify-write of FPGA register 2 runs two commands).
     virtual void lock(Mutex &mutex) ACQUIRE(mutex) = 0;

@@ -70,6 +70,23 @@ class ShellCommand final : public Command {
 
 } // namespace
 
+LinuxPlatform::LinuxPlatform()
+{
+    sigemptyset(&stopSignals_);
+    sigaddset(&stopSignals_, SIGTERM);
+    sigaddset(&stopSignals_, SIGINT);
+    ::pthread_sigmask(SIG_BLOCK, &stopSignals_, nullptr);
+}
+
+LinuxPlatform::~LinuxPlatform()
+{
+    // Threads still running here (no waitForStop) end with the process.
+    const std::lock_guard lock(threadsMutex_);
+    for (std::thread &thread : threads_)
+        if (thread.joinable())
+            thread.detach();
+}
+
 std::unique_ptr<Command> LinuxPlatform::startCommand(const std::string &line, PipeMode mode)
 {
     int ends[2];
@@ -82,10 +99,19 @@ std::unique_ptr<Command> LinuxPlatform::startCommand(const std::string &line, Pi
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, childEnd, reading ? STDOUT_FILENO : STDIN_FILENO);
+    // The daemon's threads keep SIGTERM and SIGINT blocked for waitForStop();
+    // a tool starts with no signal blocked, as from a shell.
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    sigset_t none;
+    sigemptyset(&none);
+    posix_spawnattr_setsigmask(&attributes, &none);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
     const char *argv[] = {"sh", "-c", line.c_str(), nullptr};
     pid_t pid = -1;
     const int rc =
-        ::posix_spawn(&pid, "/bin/sh", &actions, nullptr, const_cast<char **>(argv), environ);
+        ::posix_spawn(&pid, "/bin/sh", &actions, &attributes, const_cast<char **>(argv), environ);
+    posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&actions);
     ::close(childEnd);
     if (rc != 0) {
@@ -214,15 +240,33 @@ void LinuxPlatform::startThread(std::function<void()> entry)
     // A thread that cannot be started is not reported; the others are
     // started regardless.
     try {
-        std::thread(std::move(entry)).detach();
+        std::thread thread(std::move(entry));
+        const std::lock_guard lock(threadsMutex_);
+        threads_.push_back(std::move(thread));
     } catch (const std::system_error &) {
     }
 }
 
-void LinuxPlatform::blockForever()
+bool LinuxPlatform::stopRequested()
 {
-    for (;;)
-        ::pause();
+    return stop_.load();
+}
+
+void LinuxPlatform::waitForStop()
+{
+    // The stop signals are blocked in every thread, so they stay pending
+    // until taken here; no handler runs inside the daemon's other threads.
+    int signal = 0;
+    while (::sigwait(&stopSignals_, &signal) != 0) {
+    }
+    stop_.store(true);
+    std::vector<std::thread> threads;
+    {
+        const std::lock_guard lock(threadsMutex_);
+        threads.swap(threads_);
+    }
+    for (std::thread &thread : threads)
+        thread.join();
 }
 
 void LinuxPlatform::lock(Mutex &mutex)

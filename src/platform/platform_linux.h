@@ -1,12 +1,27 @@
 // The OS seam on the board: each call a thin layer over libc.
 #pragma once
 
+#include <signal.h>
+
+#include <atomic>
+#include <mutex>
+#include <thread>
+#include <vector>
+
 #include "platform/platform.h"
 
 namespace zarvent {
 
 class LinuxPlatform final : public Platform {
   public:
+    // Blocks SIGTERM and SIGINT in the calling thread, so that every thread
+    // started later has them blocked too and only waitForStop() takes them.
+    // Construct it before any thread starts.
+    LinuxPlatform();
+    ~LinuxPlatform() override;
+    LinuxPlatform(const LinuxPlatform &) = delete;
+    LinuxPlatform &operator=(const LinuxPlatform &) = delete;
+
     std::unique_ptr<Command> startCommand(const std::string &line, PipeMode mode) override;
     int open(const std::string &path, int flags) override;
     long read(int fd, std::span<char> into) override;
@@ -25,10 +40,17 @@ class LinuxPlatform final : public Platform {
     void sleepSeconds(unsigned seconds) override;
     void sleepMicroseconds(unsigned microseconds) override;
     void startThread(std::function<void()> entry) override;
-    [[noreturn]] void blockForever() override;
+    bool stopRequested() override;
+    void waitForStop() override;
     void lock(Mutex &mutex) override ACQUIRE(mutex);
     void writeError(std::string_view text) override;
     [[noreturn]] void abortProcess() override;
+
+  private:
+    sigset_t stopSignals_;
+    std::atomic<bool> stop_{false};
+    std::mutex threadsMutex_;
+    std::vector<std::thread> threads_;
 };
 
 } // namespace zarvent

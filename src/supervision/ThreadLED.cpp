@@ -109,7 +109,7 @@ void SupervisionThread::pass()
     // The indicator test, held while line 79 reads 0. A line that cannot be
     // read is not a test request: a board without it would hold this loop
     // for good.
-    while (gpio_.readLevel("79") == 0) {
+    while (gpio_.readLevel("79") == 0 && !platform_.stopRequested()) {
         for (int line : {72, 73, 74, 75, 76, 77, 70, 71})
             gpio_.echoLevel(line, 1);
     }
@@ -119,7 +119,7 @@ void SupervisionThread::ThreadSrvLED()
 {
     init_gpio_input();
     runner_.run("adjtimex -t 10082", PipeMode::Read);
-    for (;;) {
+    while (!platform_.stopRequested()) {
         pass();
         platform_.sleepSeconds(3);
     }

@@ -47,8 +47,9 @@ class SupervisionThread {
     void init_gpio_input();
     // One pass, without its final sleep.
     void pass();
-    // The thread: set-up, "adjtimex -t 10082", then passes forever.
-    [[noreturn]] void ThreadSrvLED();
+    // The thread: set-up, "adjtimex -t 10082", then passes until the daemon
+    // stops.
+    void ThreadSrvLED();
 
     AlarmLogic &alarm()
     {
