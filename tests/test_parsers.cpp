@@ -35,6 +35,8 @@ TEST(Parsers, RegisterLineOnlyInTheToolsForm)
         {"AA AA  3C\n", 1, std::nullopt},
         {"AA AA 3C \n", 1, std::nullopt},
         {"AAAA 3C\n", 1, std::nullopt},
+        {"FF FF FF\n", 1, std::nullopt}, // an FPGA not yet configured
+        {"A5 AA 3C\n", 1, std::nullopt}, // a transfer the FPGA did not answer
         {"", 1, std::nullopt},
     };
     for (const auto &c : cases)

@@ -104,6 +104,12 @@ std::optional<std::uint64_t> parseRegisterLine(std::string_view line, int dataBy
     const std::size_t pairs = 2 + static_cast<std::size_t>(dataBytes);
     if (line.size() != pairs * 3 - 1)
         return std::nullopt;
+    // "AA AA" is the FPGA's answer to the command bytes: without it the data
+    // bytes are not the register's (an unconfigured FPGA answers "FF FF", a
+    // disturbed transfer anything), and such a value must never be written
+    // back to a register.
+    if (!line.starts_with("AA AA "))
+        return std::nullopt;
     std::uint64_t value = 0;
     for (std::size_t k = 0; k < pairs; ++k) {
         const std::size_t at = k * 3;
