@@ -33,7 +33,8 @@ bool writeLog(const std::string &dir, const char *name, const std::string &text)
 
 BoardModel::BoardModel(VirtualBoard &board, const BoardConfig &config)
     : board_(board), config_(config), random_(config.seed != 0 ? config.seed : 1),
-      offset_(config.initialOffset), offsetTimeUs_(board.nowUs())
+      offset_(config.initialOffset), offsetTimeUs_(board.nowUs()), startUs_(board.nowUs()),
+      wanderSecond_(board.nowUs() / 1000000)
 {
     board_.setRegisterHooks(
         [this](int reg) { onRead(reg); },
@@ -109,7 +110,38 @@ void BoardModel::takeDacWords()
     }
 }
 
-// The offset up to now: a higher code makes it fall.
+bool applyOscillatorPreset(const std::string &name, BoardConfig &config)
+{
+    if (name == "ocxo") {
+        // An oven oscillator: the DAC pulls it about +-0.4 ppm; it wanders by
+        // about 1e-12 per second, follows the room's daily cycle by +-0.2 ppb
+        // and ages 0.3 ppb a day. The receiver's pulse and the phase meter
+        // add a few ns of white phase noise to each measurement.
+        config.gain = 0.012;
+        config.naturalCode = 33100;
+        config.noiseNs = 4.0;
+        config.randomWalkPpb = 0.001;
+        config.temperaturePpb = 0.2;
+        config.ageingPpbPerDay = 0.3;
+    } else if (name == "tcxo") {
+        // A temperature-compensated crystal: pulled about +-5 ppm, a random
+        // walk ten times the oven's, +-10 ppb over the day from what the
+        // compensation leaves of the room's cycle, 3 ppb a day of ageing.
+        config.gain = 0.15;
+        config.naturalCode = 33400;
+        config.noiseNs = 4.0;
+        config.randomWalkPpb = 0.01;
+        config.temperaturePpb = 10.0;
+        config.ageingPpbPerDay = 3.0;
+    } else {
+        return false;
+    }
+    config.oscillator = name;
+    return true;
+}
+
+// The offset up to now: a higher code makes it fall; the oscillator's own
+// wander makes it drift.
 void BoardModel::integrate()
 {
     takeDacWords();
@@ -117,6 +149,19 @@ void BoardModel::integrate()
     if (now > offsetTimeUs_) {
         const double dt = static_cast<double>(now - offsetTimeUs_) / 1e6;
         offset_ -= config_.gain * static_cast<double>(code_ - config_.naturalCode) * dt;
+        if (config_.randomWalkPpb != 0 || config_.temperaturePpb != 0 ||
+            config_.ageingPpbPerDay != 0) {
+            // The random walk steps once a board second, however the reads
+            // fall; temperature and ageing at the middle of the interval.
+            for (; wanderSecond_ < now / 1000000; wanderSecond_++)
+                wanderPpb_ += config_.randomWalkPpb * gaussian();
+            const double days =
+                static_cast<double>((offsetTimeUs_ + now) / 2 - startUs_) / 86400e6;
+            const double ppb = wanderPpb_ +
+                               config_.temperaturePpb * std::sin(2 * 3.14159265358979 * days) +
+                               config_.ageingPpbPerDay * days;
+            offset_ += ppb * dt;
+        }
         offsetTimeUs_ = now;
     }
     stats_.offsetNs = offset_;
@@ -129,7 +174,12 @@ std::uint32_t BoardModel::phaseTicks()
     double ns = std::fmod(-measured, 1e9);
     if (ns < 0)
         ns += 1e9;
-    return static_cast<std::uint32_t>(ns / 10.0);
+    const auto ticks = static_cast<std::uint32_t>(ns / 10.0);
+    // What the daemon makes of it: the phase folded to +-0.5 s.
+    const double phase = ticks * 10.0;
+    stats_.phaseSecond = board_.nowUs() / 1000000;
+    stats_.phaseReadNs = phase > 5e8 ? 1e9 - phase : -phase;
+    return ticks;
 }
 
 // A counter's value for the current second, drawn once: the capture step
@@ -286,6 +336,29 @@ std::optional<std::string> BoardModel::command(const std::vector<std::string> &w
         return bad();
     }
     return std::nullopt;
+}
+
+std::pair<int, int> BoardModel::ptpCounts(std::int64_t second)
+{
+    const std::lock_guard lock(mutex_);
+    std::pair<int, int> counts{-1, -1};
+    for (std::size_t i = readings_.size(); i-- > 0 && readings_[i].second >= second;) {
+        if (readings_[i].second != second)
+            continue;
+        (readings_[i].reg == 24 ? counts.first : counts.second) =
+            static_cast<int>(readings_[i].value);
+    }
+    return counts;
+}
+
+void BoardModel::dropHistory()
+{
+    const std::lock_guard lock(mutex_);
+    takeDacWords();
+    board_.dropHistory();
+    dacSeen_ = 0;
+    readings_.clear();
+    handovers_.clear();
 }
 
 BoardStats BoardModel::stats()

@@ -9,6 +9,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "virtual_board.h"
@@ -23,6 +24,14 @@ struct BoardConfig {
     int naturalCode = 33000;           // the code at which the oscillator is on frequency
     double noiseNs = 2.0;              // white phase noise of each measurement (standard deviation)
     double initialOffset = 2500.0;     // ns
+    // The oscillator's own wander (all 0: a perfectly stable oscillator whose
+    // frequency only the DAC moves). Frequencies in ppb, that is ns of phase
+    // per second.
+    double randomWalkPpb = 0;   // random-walk frequency noise: a step of this
+                                // standard deviation every second
+    double temperaturePpb = 0;  // amplitude of the daily temperature cycle
+    double ageingPpbPerDay = 0; // linear frequency drift
+    std::string oscillator;     // the preset it started from ("ocxo", "tcxo"), if any
     std::int64_t pulseHighUs = 100000; // the high part of every second on line 19
     int requests = 40;                 // PTP packets per second (mean)
     int responses = 40;
@@ -38,7 +47,14 @@ struct BoardStats {
     int lastDacCode = 0;
     double offsetNs = 0;       // the oscillator's true offset now
     int eventAcks[2] = {0, 0}; // acknowledgements of event flags 1 and 2
+    // The last phase measurement the daemon read from register 14: its board
+    // second (-1: none yet) and the offset the daemon makes of it.
+    std::int64_t phaseSecond = -1;
+    double phaseReadNs = 0;
 };
+
+// Oscillator presets by name: "ocxo" and "tcxo". False for another name.
+bool applyOscillatorPreset(const std::string &name, BoardConfig &config);
 
 class BoardModel {
   public:
@@ -52,6 +68,13 @@ class BoardModel {
     // it is not understood.
     std::optional<std::string> command(const std::vector<std::string> &words);
     BoardStats stats();
+    // PTP requests and responses the daemon read for a board second (-1 when
+    // it read none).
+    std::pair<int, int> ptpCounts(std::int64_t second);
+    // Drops what the logs would show so far (commands, levels, DAC words,
+    // counter readings, hand-overs) after taking in the DAC words: a run of
+    // many board days keeps its memory flat.
+    void dropHistory();
     // commands.log, levels.log, dac.log, handover.log, registers.log,
     // counts.log and summary.log of the run so far, into dir.
     bool writeLogs(const std::string &dir);
@@ -87,6 +110,9 @@ class BoardModel {
     std::uint32_t random_;
     double offset_;             // ns
     std::int64_t offsetTimeUs_; // time of the last integration
+    const std::int64_t startUs_;
+    double wanderPpb_ = 0;        // the random walk's frequency so far
+    std::int64_t wanderSecond_;   // the board second of its last step
     int code_ = 32768;          // the DAC code in force
     std::size_t dacSeen_ = 0;
     int openNumber_ = -1; // written to register 10, -1 when none

@@ -1,22 +1,26 @@
 #!/usr/bin/env bash
-# ./run demo [SCENARIO] [--pace P|fast] [--duration S] [--out DIR]
+# ./run demo [SCENARIO] [--pace P|fast] [--duration S] [--out DIR] [--report DIR]
 # Runs the daemon against the simulated board and shows what the appliance's
 # web interface would show, redrawn every board second. SCENARIO is a name
 # from sim/scenarios/ (normal, antenna-short, receiver-lost, statistics-on,
-# alarm) or a scenario file. Ctrl-C stops the run cleanly.
+# alarm, day-ocxo, day-tcxo) or a scenario file. Ctrl-C stops the run cleanly.
+# --report DIR writes DIR/report.html (plots and timing metrics of the run)
+# and DIR/series.csv at its end.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scenario=normal
 pace=1
 duration=
+report=
 out=${TMPDIR:-/tmp}/zarvent-demo
 while [ $# -gt 0 ]; do
     case "$1" in
     --pace) pace=$2; shift 2 ;;
     --duration) duration=$2; shift 2 ;;
     --out) out=$2; shift 2 ;;
-    -h|--help) sed -n '2,7p' "$0"; exit 0 ;;
+    --report) report=$2; shift 2 ;;
+    -h|--help) sed -n '2,9p' "$0"; exit 0 ;;
     *) scenario=$1; shift ;;
     esac
 done
@@ -45,4 +49,5 @@ mkdir -p "$out"
 args=(--scenario "$file" --out "$out" --show)
 if [ "$pace" = fast ]; then args+=(--pace fast); else args+=(--pace "$pace"); fi
 [ -n "$duration" ] && args+=(--duration "$duration")
+[ -n "$report" ] && args+=(--report "$report")
 exec build-demo/sim/zarvent-sim "${args[@]}"

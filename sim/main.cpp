@@ -1,8 +1,10 @@
 // zarvent-sim: the daemon against the simulated board.
 //   zarvent-sim --scenario FILE --out DIR [--pace P|fast] [--duration S] [--show]
+//               [--report RDIR]
 // --show redraws the demo screen every board second. The board's files stay in
 // DIR/board (for example DIR/board/ramcache/zarvent/ntp_data.txt), the run's
-// logs in DIR/logs.
+// logs in DIR/logs; --report writes RDIR/report.html and RDIR/series.csv at
+// the end of the run.
 #include <sched.h>
 #include <signal.h>
 
@@ -45,7 +47,8 @@ int usage()
 {
     std::fprintf(
         stderr,
-        "usage: zarvent-sim --scenario FILE --out DIR [--pace P|fast] [--duration S] [--show]\n");
+        "usage: zarvent-sim --scenario FILE --out DIR [--pace P|fast] [--duration S] [--show] "
+        "[--report RDIR]\n");
     return 2;
 }
 
@@ -69,6 +72,8 @@ int main(int argc, char **argv)
             options.durationS = std::strtoll(argv[++i], nullptr, 10);
         else if (arg == "--show")
             show = true;
+        else if (arg == "--report" && hasValue)
+            options.reportDir = argv[++i];
         else
             return usage();
     }
@@ -93,6 +98,9 @@ int main(int argc, char **argv)
     }
     std::printf("board files: %s/board   logs: %s/logs\n", options.outDir.c_str(),
                 options.outDir.c_str());
+    if (!options.reportDir.empty())
+        std::printf("report: %s/report.html   data: %s/series.csv\n",
+                    options.reportDir.c_str(), options.reportDir.c_str());
     if (result.daemonAborted) {
         std::fprintf(stderr, "%s\n", result.error.c_str());
         return 1;

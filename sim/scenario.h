@@ -5,7 +5,10 @@
 //   start 2026-11-16T13:27:00     board time at the start (UTC)
 //   duration 600                  board seconds to run
 //   seed 7                        the board model's random sequence
-//   osc gain G natural N noise S offset O
+//   osc [ocxo|tcxo] [gain G] [natural N] [noise S] [offset O] [walk W]
+//       [temperature T] [ageing A]   the oscillator: a preset, then
+//                                 parameters (ppb/code, code, ns, ns, ppb per
+//                                 second, ppb daily amplitude, ppb per day)
 //   pulse MS                      high part of the pulse on line 19
 //   cost US                       virtual time each command takes to start
 //   at T COMMAND                  a board command at second T; without "at"
@@ -43,6 +46,7 @@ struct RunOptions {
     std::int64_t durationS = 0; // overrides the scenario's duration when > 0
     std::function<void(const SecondView &)> eachSecond; // once per board second
     const std::atomic<bool> *stop = nullptr;            // ends the run at the next second
+    std::string reportDir; // when set: report.html and series.csv of the run there
 };
 
 struct RunResult {
