@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -52,6 +53,7 @@ struct GpioLine {
     std::string edge;
     std::deque<int> queued;
     std::int64_t pulseHighUs = 0;
+    std::int64_t pulsePeriodUs = 1000000;
     std::size_t reads = 0;
     std::string lastWrite;
 };
@@ -76,7 +78,8 @@ struct DacDecoder {
 // A command's output, captured by the model when the command ran.
 class ModelledCommand final : public Command {
   public:
-    explicit ModelledCommand(std::string output) : output_(std::move(output)) {}
+    ModelledCommand(std::string output, int status) : output_(std::move(output)), status_(status)
+    {}
     long read(std::span<char> into) override
     {
         const std::size_t count = std::min(into.size(), output_.size() - position_);
@@ -86,12 +89,13 @@ class ModelledCommand final : public Command {
     }
     int wait() override
     {
-        return 0;
+        return status_;
     }
 
   private:
     std::string output_;
     std::size_t position_ = 0;
+    int status_ = 0;
 };
 
 // "/sys/class/gpio/gpioN/ATTR": the attribute's kind and N; Free when the
@@ -189,6 +193,16 @@ struct VirtualBoard::State {
     // while a thread waits for virtual time.
     mutable std::mutex mutex;
     std::int64_t nowUs = 0;
+    std::int64_t clockStepUs = 0; // the system clock against true time
+    std::map<std::string, ToolFault> toolFaults;
+    std::uint32_t junk = 12345; // the faulty tools' pseudo-random bytes
+    std::vector<std::pair<int, std::uint64_t>> printed; // register values printed lately
+    int unreadWrites = 0;
+    bool loaderBroken = false;
+    bool ramNoSpace = false;
+    bool ramNoInodes = false;
+    std::set<int> ramFds;
+    std::set<std::string> written;
     std::int64_t commandCostUs = 0;
     Scheduler *scheduler = nullptr;
 
@@ -321,7 +335,7 @@ struct VirtualBoard::State {
             return level;
         }
         if (g.pulseHighUs > 0)
-            return nowUs % 1000000 < g.pulseHighUs ? 1 : 0;
+            return nowUs % g.pulsePeriodUs < g.pulseHighUs ? 1 : 0;
         return g.level;
     }
 
@@ -514,22 +528,85 @@ struct VirtualBoard::State {
             for (int k = 0; k < count; k++)
                 appendf(out, " %02X", static_cast<unsigned>((registers[r] >> (8 * k)) & 0xFF));
             out += "\n";
+            if (printed.size() >= 32)
+                printed.erase(printed.begin());
+            printed.emplace_back(reg, registers[r]);
             return;
         }
-        std::uint64_t value = 0;
-        for (std::size_t k = 0; k < static_cast<std::size_t>(count) && i + k < nw; k++)
-            value |= (std::strtoull(w[i + k].c_str(), nullptr, 10) & 0xFF) << (8 * k);
-        registers[r] = value;
+        if (reg == 1 || reg == 2) {
+            const bool fromRegister =
+                std::any_of(printed.begin(), printed.end(), [&](const auto &p) {
+                    return (p.first == 2 || p.first == 48) &&
+                           (p.second & ~std::uint64_t{7}) == (value(w, i, count) & ~std::uint64_t{7});
+                });
+            unreadWrites += fromRegister ? 0 : 1;
+        }
+        const std::uint64_t data = value(w, i, count);
+        registers[r] = data;
         if (onWrite) {
             const RegisterWriteHook hook = onWrite;
             lock.unlock();
-            hook(reg, value, count, commandLine);
+            hook(reg, data, count, commandLine);
             lock.lock();
         }
         out += configured ? "AA AA" : "FF FF";
         for (int k = 0; k < count; k++)
             out += configured ? " A5" : " FF";
         out += "\n";
+    }
+
+    // The bytes of a register write, the first the least significant.
+    static std::uint64_t value(const std::vector<std::string> &w, std::size_t first, int count)
+    {
+        std::uint64_t v = 0;
+        for (std::size_t k = 0; k < static_cast<std::size_t>(count) && first + k < w.size(); k++)
+            v |= (std::strtoull(w[first + k].c_str(), nullptr, 10) & 0xFF) << (8 * k);
+        return v;
+    }
+
+    std::uint8_t junkByte()
+    {
+        junk ^= junk << 13;
+        junk ^= junk >> 17;
+        junk ^= junk << 5;
+        return static_cast<std::uint8_t>(junk >> 24);
+    }
+
+    // A faulty program's output in place of out; its exit status.
+    int misbehaveLocked(ToolFault fault, const std::string &program, std::string &out)
+    {
+        constexpr std::string_view kAlnum = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
+        switch (fault) {
+        case ToolFault::None:
+        case ToolFault::Slow:
+            return 0;
+        case ToolFault::Empty:
+            out.clear();
+            return 0;
+        case ToolFault::Short:
+            out.resize(out.size() / 2);
+            return 0;
+        case ToolFault::Garbage:
+            for (char &c : out)
+                if (std::isalnum(static_cast<unsigned char>(c)) != 0)
+                    c = kAlnum[junkByte() % kAlnum.size()];
+            return 0;
+        case ToolFault::Error:
+            out = program + ": cannot open /dev/spidev2.0: Device or resource busy\n";
+            return 1 << 8;
+        case ToolFault::Overlong:
+            std::replace(out.begin(), out.end(), '\n', ' ');
+            out.append(8192, 'x');
+            return 0;
+        case ToolFault::Binary:
+            out.resize(600);
+            for (char &c : out)
+                c = static_cast<char>(junkByte() % 4 == 0 ? 0 : junkByte());
+            return 0;
+        case ToolFault::ExitStatus:
+            return 1 << 8;
+        }
+        return 0;
     }
 
     void ntpqPeersLocked(const std::string &commandLine, std::string &out) const
@@ -599,14 +676,14 @@ struct VirtualBoard::State {
         } else if (program == "./wrFPGA") {
             loaderRuns++;
             struct stat st {};
-            if (nw >= 3 && ::stat(hostPath(w[2]).c_str(), &st) == 0)
+            if (nw >= 3 && ::stat(hostPath(w[2]).c_str(), &st) == 0 && !loaderBroken)
                 configured = true;
             appendf(out, "wrFPGA: loaded %s\n", nw >= 3 ? w[2].c_str() : "");
         } else if (program == "ntptime") {
-            out += formatNtptime(nowUs, tai);
+            out += formatNtptime(nowUs + clockStepUs, tai);
         } else if (program == "ntpq") {
             if (nw >= 3 && w[1] == "-c" && w[2] == "clockvar")
-                out += formatClockvar(nowUs, rmc);
+                out += formatClockvar(nowUs + clockStepUs, rmc);
             else if (nw >= 2 && w[1] == "-p")
                 ntpqPeersLocked(commandLine, out);
         } else if (program == "echo") {
@@ -715,6 +792,10 @@ struct VirtualBoard::State {
         usage.freeBlocks = ramBlocks > usedBlocks ? ramBlocks - usedBlocks : 0;
         usage.inodes = ramInodes;
         usage.freeInodes = ramInodes > usedInodes ? ramInodes - usedInodes : 0;
+        if (ramNoSpace)
+            usage.freeBlocks = 0;
+        if (ramNoInodes)
+            usage.freeInodes = 0;
         return usage;
     }
 };
@@ -844,7 +925,8 @@ void VirtualBoard::setCommandCostUs(std::int64_t us)
 
 std::int64_t VirtualBoard::realtimeNs()
 {
-    return nowUs() * 1000;
+    const std::lock_guard lock(state_->mutex);
+    return (state_->nowUs + state_->clockStepUs) * 1000;
 }
 
 std::optional<std::tm> VirtualBoard::localTime(std::int64_t unixSeconds)
@@ -884,8 +966,18 @@ std::unique_ptr<Command> VirtualBoard::startCommand(const std::string &line, Pip
     // runs (and is logged) once that has passed.
     if (cost > 0)
         s.passTime(cost);
+    const std::string program = line.substr(0, line.find_first_of(" \t\n;|"));
+    ToolFault fault = ToolFault::None;
+    {
+        const std::lock_guard lock(s.mutex);
+        if (const auto f = s.toolFaults.find(program); f != s.toolFaults.end())
+            fault = f->second;
+    }
+    if (fault == ToolFault::Slow)
+        s.passTime(3000000);
     std::unique_lock lock(s.mutex);
     s.commands.push_back({line, mode, s.nowUs});
+    const std::size_t printedBefore = s.printed.size();
     std::string output;
     if (Rule *rule = s.ruleLocked(line)) {
         if (rule->once)
@@ -899,11 +991,54 @@ std::unique_ptr<Command> VirtualBoard::startCommand(const std::string &line, Pip
     } else {
         s.runLineLocked(lock, line, output);
     }
+    const int status = s.misbehaveLocked(fault, program, output);
+    if (fault != ToolFault::None && fault != ToolFault::Slow && fault != ToolFault::ExitStatus)
+        s.printed.resize(std::min(printedBefore, s.printed.size())); // not what it printed
     // A command started for writing has its output on the daemon's own
     // standard output, not in the pipe.
     if (mode == PipeMode::Write)
         output.clear();
-    return std::make_unique<ModelledCommand>(std::move(output));
+    return std::make_unique<ModelledCommand>(std::move(output), status);
+}
+
+void VirtualBoard::setToolFault(const std::string &program, ToolFault fault)
+{
+    const std::lock_guard lock(state_->mutex);
+    if (fault == ToolFault::None)
+        state_->toolFaults.erase(program);
+    else
+        state_->toolFaults[program] = fault;
+}
+
+int VirtualBoard::unreadRegisterWrites() const
+{
+    const std::lock_guard lock(state_->mutex);
+    return state_->unreadWrites;
+}
+
+void VirtualBoard::setLoaderBroken(bool broken)
+{
+    const std::lock_guard lock(state_->mutex);
+    state_->loaderBroken = broken;
+}
+
+void VirtualBoard::stepClock(std::int64_t deltaUs)
+{
+    const std::lock_guard lock(state_->mutex);
+    state_->clockStepUs += deltaUs;
+}
+
+void VirtualBoard::setRamDiskFull(bool noSpace, bool noInodes)
+{
+    const std::lock_guard lock(state_->mutex);
+    state_->ramNoSpace = noSpace;
+    state_->ramNoInodes = noInodes;
+}
+
+std::vector<std::string> VirtualBoard::writtenPaths() const
+{
+    const std::lock_guard lock(state_->mutex);
+    return {state_->written.begin(), state_->written.end()};
 }
 
 void VirtualBoard::onCommand(const std::string &line, const std::string &output)
@@ -939,6 +1074,13 @@ std::vector<CommandRecord> VirtualBoard::commands() const
     return state_->commands;
 }
 
+std::vector<CommandRecord> VirtualBoard::commands(std::size_t from) const
+{
+    const std::lock_guard lock(state_->mutex);
+    const auto &all = state_->commands;
+    return {all.begin() + static_cast<std::ptrdiff_t>(std::min(from, all.size())), all.end()};
+}
+
 std::size_t VirtualBoard::countCommand(const std::string &line) const
 {
     const std::lock_guard lock(state_->mutex);
@@ -955,6 +1097,17 @@ long VirtualBoard::findCommand(const std::string &line, std::size_t from) const
         if (state_->commands[i].line == line)
             return static_cast<long>(i);
     return -1;
+}
+
+void VirtualBoard::dropHistory()
+{
+    const std::lock_guard lock(state_->mutex);
+    state_->commands.clear();
+    state_->commands.shrink_to_fit();
+    state_->levels.clear();
+    state_->levels.shrink_to_fit();
+    state_->dacWords.clear();
+    state_->dacWords.shrink_to_fit();
 }
 
 void VirtualBoard::clearCommands()
@@ -1015,6 +1168,12 @@ void VirtualBoard::setPeer(Peer peer)
 {
     const std::lock_guard lock(state_->mutex);
     state_->peer = peer;
+}
+
+char VirtualBoard::rmcStatus() const
+{
+    const std::lock_guard lock(state_->mutex);
+    return state_->rmc;
 }
 
 void VirtualBoard::setRmcStatus(char status)
@@ -1115,11 +1274,13 @@ void VirtualBoard::queueReads(int line, std::vector<int> levels)
         g->queued.assign(levels.begin(), levels.end());
 }
 
-void VirtualBoard::setPulse(int line, std::int64_t highUs)
+void VirtualBoard::setPulse(int line, std::int64_t highUs, std::int64_t periodUs)
 {
     const std::lock_guard lock(state_->mutex);
-    if (GpioLine *g = state_->line(line))
+    if (GpioLine *g = state_->line(line)) {
         g->pulseHighUs = highUs;
+        g->pulsePeriodUs = periodUs > 0 ? periodUs : 1000000;
+    }
 }
 
 int VirtualBoard::level(int line) const
@@ -1222,8 +1383,19 @@ int VirtualBoard::open(const std::string &path, int flags)
         errno = EROFS;
         return -1;
     }
-    lock.unlock();
-    return ::open(s.hostPath(path).c_str(), flags | O_CLOEXEC, 0666);
+    const std::string absolute = absolutePath(path);
+    const bool onRamDisk = absolute.starts_with("/ramcache/");
+    if (onRamDisk && s.ramNoInodes && (flags & O_CREAT) != 0 &&
+        ::access(s.hostPath(path).c_str(), F_OK) != 0) {
+        errno = ENOSPC;
+        return -1;
+    }
+    if (opensForWriting(flags))
+        s.written.insert(absolute);
+    const int fd = ::open(s.hostPath(path).c_str(), flags | O_CLOEXEC, 0666);
+    if (fd >= 0 && onRamDisk)
+        s.ramFds.insert(fd);
+    return fd;
 }
 
 long VirtualBoard::read(int fd, std::span<char> into)
@@ -1252,6 +1424,10 @@ long VirtualBoard::write(int fd, std::span<const char> from)
     std::unique_lock lock(s.mutex);
     if (VirtualFd *v = s.fdLocked(fd))
         return s.writeAttributeLocked(*v, from);
+    if (s.ramNoSpace && s.ramFds.contains(fd)) {
+        errno = ENOSPC;
+        return -1;
+    }
     lock.unlock();
     return ::write(fd, from.data(), from.size());
 }
@@ -1262,6 +1438,10 @@ long VirtualBoard::writeAt(int fd, std::span<const char> from, std::int64_t offs
     std::unique_lock lock(s.mutex);
     if (VirtualFd *v = s.fdLocked(fd))
         return s.writeAttributeLocked(*v, from);
+    if (s.ramNoSpace && s.ramFds.contains(fd)) {
+        errno = ENOSPC;
+        return -1;
+    }
     lock.unlock();
     return ::pwrite(fd, from.data(), from.size(), static_cast<off_t>(offset));
 }
@@ -1275,6 +1455,7 @@ int VirtualBoard::close(int fd)
         v->kind = FdKind::Free;
         return 0;
     }
+    state_->ramFds.erase(fd);
     lock.unlock();
     return ::close(fd);
 }

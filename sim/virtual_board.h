@@ -62,6 +62,13 @@ struct DacWord {
 
 enum class Peer { None, System, Pps, Both };
 enum class RegisterToolFault { None, Garbage, Short };
+// What a misbehaving program does to its output (the model still runs, so
+// its effects on the board happen): nothing at all, the first half, the same
+// shape with other letters and digits, an error message instead, everything
+// on one endless line without a newline, binary junk, the right output with
+// exit status 1, or the right output after three seconds. A missing program
+// is setToolAbsent().
+enum class ToolFault { None, Empty, Short, Garbage, Error, Overlong, Binary, ExitStatus, Slow };
 enum class SpiOp { Open, WriteMode, ReadMode, WriteBits, ReadBits, Message };
 
 // The fields of the last SPI transfer descriptor the daemon handed over.
@@ -145,10 +152,19 @@ class VirtualBoard final : public Platform {
     void failOpen(const std::string &boardPath, int error);
     // The RAM disk's size as mkfs made it: blocks of 1 KiB and inodes.
     void setRamDisk(std::uint64_t blocks, std::uint64_t inodes);
+    // The RAM disk is full: writes to its files fail with ENOSPC (noSpace),
+    // new files cannot be made (noInodes), and it reports itself so.
+    void setRamDiskFull(bool noSpace, bool noInodes);
+    // Board paths the daemon has opened for writing (sysfs and the SPI device
+    // aside), each once.
+    std::vector<std::string> writtenPaths() const;
 
     // ---- clock
     std::int64_t nowUs() const;
     void setNowUs(std::int64_t us);
+    // The system clock stepped by deltaUs (ntpd stepping it): the realtime
+    // clock, local time and the tools' time move, the pulse does not.
+    void stepClock(std::int64_t deltaUs);
     // Virtual time a command costs before it runs (0 unless set).
     void setCommandCostUs(std::int64_t us);
 
@@ -163,11 +179,18 @@ class VirtualBoard final : public Platform {
     // Command lines whose program is this tool print nothing, as a shell does
     // for a missing program.
     void setToolAbsent(const std::string &tool, bool absent);
+    // Every command line whose first program is `program` (as written: "ntpq",
+    // "./spiWrite", "echo") misbehaves so.
+    void setToolFault(const std::string &program, ToolFault fault);
     std::vector<CommandRecord> commands() const;
+    // The commands from the from-th on.
+    std::vector<CommandRecord> commands(std::size_t from) const;
     std::size_t countCommand(const std::string &line) const;
     // Index of the first command equal to line at or after from, or -1.
     long findCommand(const std::string &line, std::size_t from = 0) const;
     void clearCommands();
+    // Forgets the commands, levels and DAC words recorded so far.
+    void dropHistory();
 
     // ---- FPGA registers behind spiWrite
     void setRegister(int reg, std::uint64_t value);
@@ -176,6 +199,12 @@ class VirtualBoard final : public Platform {
     void setFpgaConfigured(bool configured);
     bool fpgaConfigured() const;
     void setRegisterToolFault(RegisterToolFault fault);
+    // Writes to registers 1 and 2 whose value is not one the register tool
+    // printed for register 2 or 48 (bits 0 to 2 aside, which the daemon sets
+    // and clears): a value that did not come from the register.
+    int unreadRegisterWrites() const;
+    // The loader fails to configure the FPGA (false: it works again).
+    void setLoaderBroken(bool broken);
     // Called (without the board's lock) for every register read, before the
     // value is printed, and for every register write.
     void setRegisterHooks(RegisterReadHook onRead, RegisterWriteHook onWrite);
@@ -184,6 +213,7 @@ class VirtualBoard final : public Platform {
     // ---- ntpd and the kernel clock
     void setPeer(Peer peer);
     void setRmcStatus(char status);
+    char rmcStatus() const;
     void setTai(int tai);
     static std::string formatNtptime(std::int64_t unixUs, int tai);
     static std::string formatClockvar(std::int64_t unixUs, char status);
@@ -195,8 +225,8 @@ class VirtualBoard final : public Platform {
     void setInput(int line, int level);
     // The next reads of the line return these levels, then its level again.
     void queueReads(int line, std::vector<int> levels);
-    // The line reads 1 during the first highUs of every virtual second (0: off).
-    void setPulse(int line, std::int64_t highUs);
+    // The line reads 1 during the first highUs of every period (0: off).
+    void setPulse(int line, std::int64_t highUs, std::int64_t periodUs = 1000000);
     int level(int line) const; // -1 when not exported
     bool exported(int line) const;
     std::string direction(int line) const; // "in", "out" or "" when not exported

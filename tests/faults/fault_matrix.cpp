@@ -1,0 +1,420 @@
+// The fault matrix: the whole daemon on the simulated board, one run per
+// fault. Each run steers and counts statistics for two minutes, then the
+// fault holds for three, then it clears and the run goes on for three more.
+// Every run must show: the daemon still running (but for the SPI device that
+// is gone, where it aborts by design), no register written with a value that
+// did not come from the register, no file written outside the RAM disk's
+// output directory, and by the end a board that works again by itself:
+// cycles, hand-overs accepted, the oscillator steered, supervision passes and
+// a fresh status page. Prints one table row per fault; exits 1 if any failed.
+//   fault_matrix [--flap-seconds S] [--only SUBSTRING]
+#include <sched.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <ctime>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "board_model.h"
+#include "scenario.h"
+#include "text.h"
+
+namespace zarvent::sim {
+namespace {
+
+constexpr std::int64_t kFaultAt = 120;
+constexpr std::int64_t kClearAt = 300;
+constexpr std::int64_t kEnd = 480;
+constexpr std::int64_t kHealthyWindow = 60; // the last minute of the run
+
+struct Seen;
+
+struct Fault {
+    using Set = std::function<void(VirtualBoard &, BoardModel &, bool)>;
+    Fault(std::string n, Set s) : name(std::move(n)), set(std::move(s)) {}
+
+    std::string name;
+    Set set; // turns the fault on (true) or off (false)
+    std::int64_t at = kFaultAt;
+    std::int64_t clear = kClearAt;
+    std::int64_t end = kEnd;
+    bool aborts = false; // the daemon stops by design
+    // Called every second while the fault holds (t: seconds into the run).
+    std::function<void(VirtualBoard &, BoardModel &, std::int64_t t)> each;
+    // A check of what the board and the web interface saw during the fault;
+    // the reason when it fails.
+    std::function<std::string(const Seen &)> expect;
+    std::string start = "2026-11-16T13:27:00";
+};
+
+// What the run showed, counted per phase: before, during and after the fault.
+struct Phase {
+    int cycles = 0;       // phase reads of register 14
+    int steered = 0;      // seconds with the synchronisation flag set
+    int handoversOk = 0;
+    int handoversBad = 0;
+    int dacWords = 0;
+    int passes = 0;       // supervision passes (reference queries)
+    int pageChanges = 0;  // seconds in which the status page changed
+};
+
+struct Seen {
+    Phase during;
+    Phase last; // the run's last minute
+    bool aborted = false;
+    int unreadWrites = 0;
+    std::vector<std::string> strayFiles;
+    std::string page; // the status page at the end
+};
+
+const char *const kBase = "seed 3\n"
+                          "osc gain 0.1 natural 33000 noise 3 offset 400\n"
+                          "load 40 38\n"
+                          "rmc A\n"
+                          "peer system\n"
+                          "file /usr/bin/Zarvent/enable.cfg 1\n";
+
+Seen runFault(const Fault &fault, std::string &error)
+{
+    Seen seen;
+    std::string page;
+    std::size_t commandsSeen = 0;
+    BoardStats previous;
+    bool faultOn = false;
+    RunOptions options;
+    options.scenarioText = std::string("start ") + fault.start + "\nduration " +
+                           std::to_string(fault.end) + "\n" + kBase;
+    char dir[] = "/tmp/zarvent-fault-XXXXXX";
+    if (::mkdtemp(dir) == nullptr) {
+        error = "mkdtemp failed";
+        return seen;
+    }
+    options.outDir = dir;
+    const std::int64_t first = [&] {
+        std::tm t{};
+        std::sscanf(fault.start.c_str(), "%d-%d-%dT%d:%d:%d", &t.tm_year, &t.tm_mon, &t.tm_mday,
+                    &t.tm_hour, &t.tm_min, &t.tm_sec);
+        t.tm_year -= 1900;
+        t.tm_mon -= 1;
+        return static_cast<std::int64_t>(::timegm(&t));
+    }();
+    options.eachSecond = [&](const SecondView &view) {
+        const std::int64_t t = view.unixSecond - first;
+        if (t == fault.at || t == fault.clear) {
+            faultOn = t == fault.at;
+            fault.set(view.board, view.model, faultOn);
+        }
+        Phase *phase = t > fault.at && t <= fault.clear   ? &seen.during
+                       : t > fault.end - kHealthyWindow ? &seen.last
+                                                          : nullptr;
+        const BoardStats stats = view.model.stats();
+        const std::vector<CommandRecord> commands = view.board.commands(commandsSeen);
+        const std::string now = view.board.readFile("/ramcache/zarvent/ntp_data.txt").value_or("");
+        if (phase != nullptr) {
+            for (const CommandRecord &c : commands) {
+                phase->cycles += c.line == "./spiWrite -m 0 -l 6 -d 4 14 0 0 0 0";
+                phase->passes += c.line == "ntpq -p | grep '*G'";
+            }
+            phase->steered += view.daemon.shared().Sync_En.load() != 0;
+            phase->handoversOk += stats.handoversAccepted - previous.handoversAccepted;
+            phase->handoversBad += stats.handoversRejected - previous.handoversRejected;
+            phase->dacWords += stats.dacWords - previous.dacWords;
+            phase->pageChanges += now != page;
+        }
+        commandsSeen += commands.size();
+        previous = stats;
+        page = now;
+        if (faultOn && fault.each)
+            fault.each(view.board, view.model, t);
+        // Keep the memory of the long runs flat.
+        if (commandsSeen > 200000) {
+            view.model.dropHistory();
+            commandsSeen = 0;
+        }
+        seen.unreadWrites = view.board.unreadRegisterWrites();
+        seen.strayFiles.clear();
+        for (const std::string &path : view.board.writtenPaths())
+            if (!path.starts_with("/ramcache/zarvent/") && !path.starts_with("/ftpdir/") &&
+                !path.starts_with("/sys/class/gpio/") && path != "/dev/spidev1.0" &&
+                path != "/usr/bin/Zarvent/temp")
+                seen.strayFiles.push_back(path);
+    };
+    const RunResult result = runScenario(options);
+    seen.aborted = result.daemonAborted;
+    seen.page = page;
+    if (!result.ok && !result.daemonAborted)
+        error = result.error;
+    std::error_code ignored;
+    std::filesystem::remove_all(dir, ignored);
+    return seen;
+}
+
+// A board that works: in the last minute every second had its cycle, the
+// FPGA took the time, the oscillator was steered, supervision ran and the
+// page was rewritten.
+std::string recovered(const Seen &s)
+{
+    const Phase &p = s.last;
+    if (p.cycles < kHealthyWindow - 2)
+        return format("%d cycles in the last minute", p.cycles);
+    if (p.handoversOk < kHealthyWindow - 2 || p.handoversBad > 0)
+        return format("%d/%d hand-overs accepted/rejected in the last minute", p.handoversOk,
+                      p.handoversBad);
+    if (p.steered < kHealthyWindow || p.dacWords < kHealthyWindow - 2)
+        return format("steered %d s, %d DAC words in the last minute", p.steered, p.dacWords);
+    if (p.passes < 10)
+        return format("%d supervision passes in the last minute", p.passes);
+    if (p.pageChanges < kHealthyWindow - 2)
+        return format("status page changed in %d of the last 60 s", p.pageChanges);
+    return "";
+}
+
+void tool(VirtualBoard &board, const std::vector<std::string> &programs, ToolFault fault, bool on)
+{
+    for (const std::string &program : programs)
+        board.setToolFault(program, on ? fault : ToolFault::None);
+}
+
+std::vector<Fault> faults(std::int64_t flapSeconds)
+{
+    std::vector<Fault> list;
+    const std::vector<std::pair<std::string, std::vector<std::string>>> programs = {
+        {"spiWrite", {"./spiWrite", "/usr/bin/Zarvent/spiWrite"}},
+        {"ntpq", {"ntpq"}},
+        {"ntptime", {"ntptime"}},
+        {"echo", {"echo"}},
+        {"rm", {"rm"}},
+    };
+    const std::vector<std::pair<std::string, ToolFault>> kinds = {
+        {"no output", ToolFault::Empty},         {"short output", ToolFault::Short},
+        {"garbage", ToolFault::Garbage},         {"error message", ToolFault::Error},
+        {"overlong line", ToolFault::Overlong},  {"binary junk", ToolFault::Binary},
+        {"exit status 1", ToolFault::ExitStatus}, {"slow (3 s a call)", ToolFault::Slow},
+    };
+    for (const auto &[name, names] : programs) {
+        list.push_back({name + ": missing", [names](VirtualBoard &b, BoardModel &, bool on) {
+                            for (const std::string &n : names)
+                                b.setToolAbsent(n, on);
+                        }});
+        for (const auto &[kind, fault] : kinds)
+            list.push_back({name + ": " + kind,
+                            [names, fault](VirtualBoard &b, BoardModel &, bool on) {
+                                tool(b, names, fault, on);
+                            }});
+    }
+    // Tools run only at start: the fault holds from the start.
+    for (const std::string program : {"adjtimex", "./wrFPGA", "mkfs", "mount", "tail"})
+        for (const ToolFault fault : {ToolFault::Garbage, ToolFault::Binary, ToolFault::ExitStatus}) {
+            Fault f{program + ": " + (fault == ToolFault::Garbage  ? "garbage"
+                                      : fault == ToolFault::Binary ? "binary junk"
+                                                                   : "exit status 1") +
+                        " at start",
+                    [program, fault](VirtualBoard &b, BoardModel &, bool on) {
+                        b.setToolFault(program, on ? fault : ToolFault::None);
+                    }};
+            f.at = 0;
+            list.push_back(f);
+        }
+
+    // Files the daemon reads.
+    const std::vector<std::pair<std::string, std::string>> readFiles = {
+        {"dac_voltage", "/usr/bin/Zarvent/dac_voltage"},
+        {"enable.cfg", "/usr/bin/Zarvent/enable.cfg"},
+        {"nmea_emul_flag.txt", "/usr/bin/Zarvent/nmea_emul_flag.txt"},
+    };
+    for (const auto &[name, path] : readFiles) {
+        const std::string p = path;
+        // The file's text while the fault holds; its own text again after.
+        const auto replaced = [p](std::function<void(VirtualBoard &)> fault) {
+            auto kept = std::make_shared<std::string>();
+            return [p, fault, kept](VirtualBoard &b, BoardModel &, bool on) {
+                if (on) {
+                    *kept = b.readFile(p).value_or("");
+                    fault(b);
+                } else {
+                    b.writeFile(p, *kept);
+                }
+            };
+        };
+        list.push_back({name + ": missing", replaced([p](VirtualBoard &b) {
+                            std::filesystem::remove(b.hostPath(p));
+                        })});
+        list.push_back({name + ": empty", replaced([p](VirtualBoard &b) { b.writeFile(p, ""); })});
+        list.push_back({name + ": unreadable", [p](VirtualBoard &b, BoardModel &, bool on) {
+                            b.failOpen(p, on ? EACCES : 0);
+                        }});
+        list.push_back({name + ": huge (4 MiB of junk)", replaced([p](VirtualBoard &b) {
+                            std::string junk(4 << 20, '7');
+                            for (std::size_t i = 0; i < junk.size(); i += 61)
+                                junk[i] = i % 3 == 0 ? '\0' : '\n';
+                            b.writeFile(p, junk);
+                        })});
+    }
+    {
+        Fault leap{"leap-seconds.list: huge junk at start", [](VirtualBoard &b, BoardModel &, bool) {
+                       // Read once at start; the junk stays.
+                       b.writeFile("/leap-seconds.list", std::string(1 << 20, '\x80'));
+                   }};
+        leap.at = 0;
+        list.push_back(leap);
+        Fault missing{"leap-seconds.list: unreadable at start", [](VirtualBoard &b, BoardModel &, bool on) {
+                          b.failOpen("/leap-seconds.list", on ? EACCES : 0);
+                      }};
+        missing.at = 0;
+        list.push_back(missing);
+    }
+
+    // The RAM disk.
+    list.push_back({"RAM disk full (no space)", [](VirtualBoard &b, BoardModel &, bool on) {
+                        b.setRamDiskFull(on, false);
+                    }});
+    list.push_back({"RAM disk full (no inodes)", [](VirtualBoard &b, BoardModel &, bool on) {
+                        b.setRamDiskFull(false, on);
+                    }});
+    list.push_back({"RAM disk read-only", [](VirtualBoard &b, BoardModel &, bool on) {
+                        b.setReadOnly("/ramcache", on);
+                    }});
+
+    // The clock stepped by ntpd, across midnight and the month's end.
+    {
+        Fault forward{"clock stepped +1 h over midnight at month end, then back",
+                      [](VirtualBoard &b, BoardModel &, bool on) {
+                          b.stepClock(on ? 3600000000 : -3600000000);
+                      }};
+        forward.start = "2026-11-30T23:55:00";
+        forward.expect = [](const Seen &s) {
+            return s.during.handoversOk == 0 ? std::string()
+                                             : "hand-overs accepted with the clock an hour off";
+        };
+        list.push_back(forward);
+        Fault back{"clock stepped -1 h back over midnight, then forward",
+                   [](VirtualBoard &b, BoardModel &, bool on) {
+                       b.stepClock(on ? -3600000000 : 3600000000);
+                   }};
+        back.start = "2026-12-01T00:58:00";
+        list.push_back(back);
+    }
+
+    // The FPGA and its pulse.
+    {
+        Fault fpga{"FPGA never answering AA AA A5, then configured",
+                   [](VirtualBoard &b, BoardModel &, bool on) {
+                       b.setLoaderBroken(on);
+                       b.setFpgaConfigured(!on);
+                   }};
+        fpga.at = 0;
+        list.push_back(fpga);
+    }
+    const auto pulse = [](std::int64_t highUs, std::int64_t periodUs, int level) {
+        return [=](VirtualBoard &b, BoardModel &, bool on) {
+            b.setPulse(19, on ? highUs : 100000, on ? periodUs : 1000000);
+            b.setInput(19, on ? level : 0);
+        };
+    };
+    Fault low{"pulse line stuck low", pulse(0, 1000000, 0)};
+    low.expect = [](const Seen &s) {
+        return s.during.cycles == 0 ? std::string() : "cycles ran without a pulse";
+    };
+    list.push_back(low);
+    list.push_back({"pulse line stuck high", pulse(0, 1000000, 1)});
+    list.push_back({"pulse at 2 Hz", pulse(100000, 500000, 0)});
+    {
+        Fault gone{"pulse absent for a minute, then back", pulse(0, 1000000, 0)};
+        gone.clear = gone.at + 60;
+        list.push_back(gone);
+    }
+
+    // The reference flapping at every supervision pass.
+    {
+        Fault flap{"reference flapping every pass for " + format("%g", static_cast<double>(flapSeconds) / 3600.0) + " h",
+                   [](VirtualBoard &b, BoardModel &, bool on) {
+                       if (!on) {
+                           b.setRmcStatus('A');
+                           b.setPeer(Peer::System);
+                       }
+                   }};
+        // Lost and found again every supervision pass (3 s): the receiver's
+        // data and ntpd's reference together.
+        flap.each = [](VirtualBoard &b, BoardModel &, std::int64_t t) {
+            const bool lost = (t / 3) % 2 == 0;
+            b.setRmcStatus(lost ? 'V' : 'A');
+            b.setPeer(lost ? Peer::None : Peer::System);
+        };
+        flap.clear = flap.at + flapSeconds;
+        flap.end = flap.clear + 180;
+        list.push_back(flap);
+    }
+
+    // The SPI capture device gone while statistics are on: the daemon stops.
+    Fault spi{"SPI capture device gone", [](VirtualBoard &b, BoardModel &, bool on) {
+                  b.setSpiPresent(!on);
+              }};
+    spi.aborts = true;
+    list.push_back(spi);
+    return list;
+}
+
+} // namespace
+} // namespace zarvent::sim
+
+int main(int argc, char **argv)
+{
+    using namespace zarvent::sim;
+    // One daemon thread runs at a time in virtual time: on one CPU each
+    // hand-over is a direct switch.
+    if (const int cpu = ::sched_getcpu(); cpu >= 0) {
+        cpu_set_t set;
+        CPU_ZERO(&set);
+        CPU_SET(static_cast<unsigned>(cpu), &set);
+        (void)::sched_setaffinity(0, sizeof set, &set);
+    }
+    std::int64_t flapSeconds = 86400;
+    std::string only;
+    for (int i = 1; i + 1 < argc; i += 2) {
+        if (std::strcmp(argv[i], "--flap-seconds") == 0)
+            flapSeconds = std::strtoll(argv[i + 1], nullptr, 10);
+        else if (std::strcmp(argv[i], "--only") == 0)
+            only = argv[i + 1];
+    }
+    int failed = 0;
+    std::printf("| fault | during the fault | recovered | unread register writes | stray files |\n"
+                "|---|---|---|---|---|\n");
+    for (const Fault &fault : faults(flapSeconds)) {
+        if (!only.empty() && fault.name.find(only) == std::string::npos)
+            continue;
+        std::string error;
+        const Seen s = runFault(fault, error);
+        std::string problem = error;
+        if (problem.empty() && s.aborted != fault.aborts)
+            problem = s.aborted ? "the daemon aborted" : "the daemon did not stop";
+        std::string recovery = fault.aborts ? "stopped (by design)" : "yes";
+        if (!fault.aborts && !s.aborted) {
+            if (const std::string why = recovered(s); !why.empty()) {
+                recovery = "no: " + why;
+                problem = why;
+            }
+        }
+        if (problem.empty() && s.unreadWrites != 0)
+            problem = "register written with a value it did not print";
+        if (problem.empty() && !s.strayFiles.empty())
+            problem = "wrote " + s.strayFiles.front();
+        if (problem.empty() && fault.expect)
+            problem = fault.expect(s);
+        const Phase &d = s.during;
+        std::printf("| %s | cycles %d, steered %d s, hand-overs %d ok %d rejected, page %d "
+                    "updates | %s | %d | %zu |%s\n",
+                    fault.name.c_str(), d.cycles, d.steered, d.handoversOk, d.handoversBad,
+                    d.pageChanges, recovery.c_str(), s.unreadWrites, s.strayFiles.size(),
+                    problem.empty() ? "" : (" FAILED: " + problem).c_str());
+        std::fflush(stdout);
+        failed += problem.empty() ? 0 : 1;
+    }
+    std::printf("%d fault(s) failed\n", failed);
+    return failed == 0 ? 0 : 1;
+}
