@@ -178,7 +178,7 @@ std::uint32_t BoardModel::phaseTicks()
     // What the daemon makes of it: the phase folded to +-0.5 s.
     const double phase = ticks * 10.0;
     stats_.phaseSecond = board_.nowUs() / 1000000;
-    stats_.phaseReadNs = phase > 5e8 ? 1e9 - phase : -phase;
+    stats_.phaseReadNs = phase > 5e8 ? 1e9 - phase : 0.0 - phase;
     return ticks;
 }
 

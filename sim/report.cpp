@@ -18,10 +18,12 @@ namespace zarvent::sim {
 
 namespace {
 
-// The steering loop pulls a fresh phase error in over its first minutes; the
-// metrics judge how the daemon holds the time once it has, so they leave out
-// the first 600 s of the steered stretch.
-constexpr std::size_t kLoopSettlingSeconds = 600;
+// The steering loop pulls a fresh phase error in over its first minutes (a
+// cold start's microseconds take the oven oscillator's loop about half an
+// hour); the metrics judge how the daemon holds the time once it has, so they
+// leave out the first hour of the steered stretch. How long the pull-in takes
+// is the settling table's business.
+constexpr std::size_t kLoopSettlingSeconds = 3600;
 // Fewer seconds than this after the settling give no useful MTIE or TDEV.
 constexpr std::size_t kMinMeasuredSeconds = 60;
 // A polyline of a whole day keeps at most this many points: the minimum and
@@ -702,8 +704,11 @@ std::string page(const ReportInput &input, std::string &metricsCsv)
             const bool measured = zoom.size() >= kLoopSettlingSeconds + kMinMeasuredSeconds;
             if (measured)
                 zoom.begin += kLoopSettlingSeconds;
-            out += phasePlot(measured ? "Phase error, longest steered stretch after its first 600 s"
-                                      : "Phase error, longest steered stretch",
+            const std::string title =
+                measured ? format("Phase error, longest steered stretch after its first %zu s",
+                                  kLoopSettlingSeconds)
+                         : std::string("Phase error, longest steered stretch");
+            out += phasePlot(title.c_str(),
                              seconds, time, zoom.begin, zoom.end);
         }
         out += dacPlot(seconds, time);

@@ -200,11 +200,11 @@ TEST(Report, WritesThePageAndOneCsvRowPerSecond)
     ASSERT_NE(mkdtemp(dirTemplate.data()), nullptr);
     const std::filesystem::path dir(dirTemplate);
 
-    // 15 minutes: unsteered drift, then steering from 100 s that pulls the
+    // Two hours: unsteered drift, then steering from 100 s that pulls the
     // phase in; the daemon reads an offset every other second.
     ReportInput input{
         "ramp & <pull>", "ocxo, gain 0.012 ns/s per code", {}, "Offset: 12 <b>ns</b>"};
-    for (int i = 0; i < 900; i++) {
+    for (int i = 0; i < 7200; i++) {
         ReportSecond s;
         s.unixSecond = 1794835620 + i;
         s.trueOffsetNs =
@@ -249,6 +249,7 @@ TEST(Report, WritesThePageAndOneCsvRowPerSecond)
     std::getline(metrics, line);
     EXPECT_EQ(line, "tau_s,mtie_ns,mtie_mask_ns,tdev_ns,tdev_mask_ns");
     std::getline(metrics, line);
+    ASSERT_EQ(split(line).size(), 5u) << line;
     EXPECT_EQ(split(line)[0], "1");
     EXPECT_EQ(split(line)[2], "25.275");
 
@@ -261,7 +262,7 @@ TEST(Report, WritesThePageAndOneCsvRowPerSecond)
         plots++;
     EXPECT_EQ(plots, 7u); // phase, measured phase, DAC, states, PTP, MTIE, TDEV
     // 500 e^(-t / 60) + 0.001 (100 + t) is within 100 ns from t = 97 s on.
-    EXPECT_NE(page.find("<td>first steering</td><td>800 s</td><td>97 s</td>"), std::string::npos);
+    EXPECT_NE(page.find("<td>first steering</td><td>7100 s</td><td>97 s</td>"), std::string::npos);
     EXPECT_NE(page.find("ramp &amp; &lt;pull&gt;"), std::string::npos);
     EXPECT_NE(page.find("Offset: 12 &lt;b&gt;ns&lt;/b&gt;"), std::string::npos);
     for (const char *external : {"src=", "href=", "url(", "@import"})

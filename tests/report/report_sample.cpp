@@ -32,7 +32,7 @@ int main(int argc, char **argv)
     double integral = 0;
     int dac = natural;
     int validFor = 0;
-    for (int t = 0; t < 3600; t++) {
+    for (int t = 0; t < 4 * 3600; t++) {
         ReportSecond s;
         s.unixSecond = 1794835620 + t;
         s.referenceValid = t >= 30 && (t < 2400 || t >= 2500);
