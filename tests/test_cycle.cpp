@@ -302,14 +302,15 @@ TEST_F(SteeringTest, ChartPointsByMinute)
 
 TEST_F(SteeringTest, ChartFilesOfEveryRunStayWithinTheBound)
 {
-    // 1005 minutes of chart left by an earlier run, and the placeholders.
-    for (int i = 0; i < 1005; ++i) {
+    // Five minutes of chart more than are kept, left by an earlier run, and
+    // the placeholders.
+    for (int i = 0; i < chart::kFilesKept + 5; ++i) {
         std::tm t = *board.localTime(kStart - 86400 + i * 60);
         board.writeFile(chartFileName(t), "[new Date(\"\"), 0],\n");
     }
     board.writeFile("/ramcache/zarvent/ptp_data_0000_00_01", "");
     steerAt(kStart);
-    EXPECT_EQ(chartFiles(), 1000u);
+    EXPECT_EQ(chartFiles(), static_cast<std::size_t>(chart::kFilesKept));
     EXPECT_FALSE(board.exists(chartFileName(*board.localTime(kStart - 86400 + 5 * 60))));
     EXPECT_TRUE(board.exists(chartFileName(*board.localTime(kStart - 86400 + 6 * 60))));
     EXPECT_TRUE(board.exists("/ramcache/zarvent/ptp_data_0000_00_01"));

@@ -20,13 +20,12 @@ class SharedState;
 // system, 2048 inodes. The file system's own structures take about 600 blocks
 // and 11 inodes, and 5 % of the blocks are reserved for root. A chart file of
 // a whole minute holds 60 lines of about 40 bytes: 3 blocks and 1 inode. The
-// chart files get at most half of the blocks and inodes that remain; the other
-// half stays for the status page, the error log, the stat file, the markers,
-// the lock files and ntpd's files. The inodes are the tighter limit (1018
-// files); the bound is the round number below: 1000 files, the newest 16 hours
-// and 40 minutes of chart. Every chart file on the RAM disk counts, also those
-// an earlier run of the daemon left (the RAM disk outlives a restart of the
-// daemon, not a reboot).
+// RAM disk is to stay at most half full for good, with room for the status
+// page, the error log, the stat file, the markers, the lock files and ntpd's
+// files (48 inodes kept for them). The inodes are the tighter limit; the bound
+// is 960 files, the newest 16 hours of chart. Every chart file on the RAM disk
+// counts, also those an earlier run of the daemon left (the RAM disk outlives
+// a restart of the daemon, not a reboot).
 namespace chart {
 inline constexpr int kRamDiskBlocks = 8192;
 inline constexpr int kRamDiskInodes = 2048;
@@ -34,9 +33,10 @@ inline constexpr int kFileSystemBlocks = 600;
 inline constexpr int kFileSystemInodes = 11;
 inline constexpr int kRootBlocks = kRamDiskBlocks / 20;
 inline constexpr int kFileBlocks = 3;
-inline constexpr int kFilesKept = 1000;
-static_assert(kFilesKept <= (kRamDiskInodes - kFileSystemInodes) / 2);
-static_assert(kFilesKept * kFileBlocks <= (kRamDiskBlocks - kFileSystemBlocks - kRootBlocks) / 2);
+inline constexpr int kOtherFiles = 48;
+inline constexpr int kFilesKept = 960;
+static_assert(kFileSystemInodes + kOtherFiles + kFilesKept <= kRamDiskInodes / 2);
+static_assert(kFileSystemBlocks + kFilesKept * kFileBlocks <= kRamDiskBlocks / 2);
 // Whatever else fills the RAM disk, the oldest chart files give way while
 // less than a quarter of its blocks or inodes is free.
 inline constexpr int kFreeQuarter = 4;
