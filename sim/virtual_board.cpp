@@ -1390,7 +1390,9 @@ int VirtualBoard::open(const std::string &path, int flags)
         errno = ENOSPC;
         return -1;
     }
-    if (opensForWriting(flags))
+    // The daemon's output directory takes a new chart file name every minute:
+    // only paths outside it are kept, so that the set stays small.
+    if (opensForWriting(flags) && !absolute.starts_with("/ramcache/zarvent/"))
         s.written.insert(absolute);
     const int fd = ::open(s.hostPath(path).c_str(), flags | O_CLOEXEC, 0666);
     if (fd >= 0 && onRamDisk)

@@ -155,8 +155,8 @@ class VirtualBoard final : public Platform {
     // The RAM disk is full: writes to its files fail with ENOSPC (noSpace),
     // new files cannot be made (noInodes), and it reports itself so.
     void setRamDiskFull(bool noSpace, bool noInodes);
-    // Board paths the daemon has opened for writing (sysfs and the SPI device
-    // aside), each once.
+    // Board paths outside /ramcache/zarvent the daemon has opened for writing
+    // (sysfs and the SPI device aside), each once.
     std::vector<std::string> writtenPaths() const;
 
     // ---- clock
