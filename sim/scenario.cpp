@@ -225,6 +225,8 @@ class Run {
             if (result.error = apply(events[next]); !result.error.empty())
                 return result;
         board_.setCommandCostUs(scenario.commandCostUs);
+        if (options_.beforeStart)
+            options_.beforeStart(board_, model_);
         Scheduler scheduler(board_, options_.pace);
         scheduler_ = &scheduler;
         zarvent::Daemon daemon(board_);

@@ -45,6 +45,8 @@ struct RunOptions {
     double pace = 0;            // 0: as fast as possible; p: p times real time
     std::int64_t durationS = 0; // overrides the scenario's duration when > 0
     std::function<void(const SecondView &)> eachSecond; // once per board second
+    // Once the board is laid out and before the daemon starts.
+    std::function<void(VirtualBoard &, BoardModel &)> beforeStart;
     const std::atomic<bool> *stop = nullptr;            // ends the run at the next second
     std::string reportDir; // when set: report.html and series.csv of the run there
 };

@@ -541,6 +541,14 @@ struct VirtualBoard::State {
                 });
             unreadWrites += fromRegister ? 0 : 1;
         }
+        // An FPGA without its bitstream takes nothing in.
+        if (!configured) {
+            out += "FF FF";
+            for (int k = 0; k < count; k++)
+                out += " FF";
+            out += "\n";
+            return;
+        }
         const std::uint64_t data = value(w, i, count);
         registers[r] = data;
         if (onWrite) {

@@ -31,7 +31,7 @@ class Pipe {
     {
         std::string line;
         while (line.size() + 1 < bufferSize) {
-            if (next_ == chunk_.size() && !refill())
+            if (next_ == size_ && !refill())
                 break;
             const char c = chunk_[next_++];
             line.push_back(c);
@@ -48,7 +48,7 @@ class Pipe {
     // True when the command printed at least one byte.
     bool anyOutput()
     {
-        return next_ < chunk_.size() || refill();
+        return next_ < size_ || refill();
     }
 
     int close()
@@ -57,8 +57,8 @@ class Pipe {
             return -1;
         std::size_t drained = 0;
         while (drained < kDrainLimit && refill())
-            drained += chunk_.size();
-        next_ = chunk_.size();
+            drained += size_;
+        next_ = size_;
         const int status = command_->wait();
         command_.reset();
         return status;
@@ -67,15 +67,17 @@ class Pipe {
   private:
     bool refill()
     {
-        chunk_.resize(4096);
+        // A fixed buffer: a tool that prints a byte at a time costs a read
+        // each, not a clearing of the whole buffer each.
         const long got = command_->read(chunk_);
-        chunk_.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
+        size_ = got > 0 ? static_cast<std::size_t>(got) : 0;
         next_ = 0;
         return got > 0;
     }
 
     std::unique_ptr<Command> command_;
-    std::vector<char> chunk_;
+    std::array<char, 4096> chunk_{};
+    std::size_t size_ = 0; // bytes of chunk_ the last read filled
     std::size_t next_ = 0;
 };
 

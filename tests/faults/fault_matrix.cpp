@@ -104,9 +104,14 @@ Seen runFault(const Fault &fault, std::string &error)
         t.tm_mon -= 1;
         return static_cast<std::int64_t>(::timegm(&t));
     }();
+    if (fault.at == 0)
+        options.beforeStart = [&](VirtualBoard &board, BoardModel &model) {
+            faultOn = true;
+            fault.set(board, model, true);
+        };
     options.eachSecond = [&](const SecondView &view) {
         const std::int64_t t = view.unixSecond - first;
-        if (t == fault.at || t == fault.clear) {
+        if ((t == fault.at && t > 0) || t == fault.clear) {
             faultOn = t == fault.at;
             fault.set(view.board, view.model, faultOn);
         }
