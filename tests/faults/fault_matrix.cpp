@@ -32,6 +32,10 @@ constexpr std::int64_t kFaultAt = 120;
 constexpr std::int64_t kClearAt = 300;
 constexpr std::int64_t kEnd = 480;
 constexpr std::int64_t kHealthyWindow = 60; // the last minute of the run
+// The TAI-UTC offset is read from the leap-second list once, at start, and
+// kept for the life of the process: a list that could not be read leaves the
+// seconds count handed to the FPGA wrong until the daemon is restarted.
+constexpr const char *kLeapKept = "at the next restart (the leap list is read once at start)";
 
 struct Seen;
 
@@ -45,6 +49,9 @@ struct Fault {
     std::int64_t clear = kClearAt;
     std::int64_t end = kEnd;
     bool aborts = false; // the daemon stops by design
+    // Set when the daemon keeps the fault's effect until it is restarted, by
+    // design: the reason. The hand-overs are then expected to stay rejected.
+    std::string keptUntilRestart;
     // Called every second while the fault holds (t: seconds into the run).
     std::function<void(VirtualBoard &, BoardModel &, std::int64_t t)> each;
     // A check of what the board and the web interface saw during the fault;
@@ -163,12 +170,13 @@ Seen runFault(const Fault &fault, std::string &error)
 // A board that works: in the last minute every second had its cycle, the
 // FPGA took the time, the oscillator was steered, supervision ran and the
 // page was rewritten.
-std::string recovered(const Seen &s)
+std::string recovered(const Seen &s, bool handoversRejected)
 {
     const Phase &p = s.last;
     if (p.cycles < kHealthyWindow - 2)
         return format("%d cycles in the last minute", p.cycles);
-    if (p.handoversOk < kHealthyWindow - 2 || p.handoversBad > 0)
+    if (handoversRejected ? p.handoversOk > 0
+                          : p.handoversOk < kHealthyWindow - 2 || p.handoversBad > 0)
         return format("%d/%d hand-overs accepted/rejected in the last minute", p.handoversOk,
                       p.handoversBad);
     if (p.steered < kHealthyWindow || p.dacWords < kHealthyWindow - 2)
@@ -224,6 +232,8 @@ std::vector<Fault> faults(std::int64_t flapSeconds)
                         b.setToolFault(program, on ? fault : ToolFault::None);
                     }};
             f.at = 0;
+            if (program == "tail" && fault != ToolFault::ExitStatus)
+                f.keptUntilRestart = kLeapKept;
             list.push_back(f);
         }
 
@@ -267,11 +277,13 @@ std::vector<Fault> faults(std::int64_t flapSeconds)
                        b.writeFile("/leap-seconds.list", std::string(1 << 20, '\x80'));
                    }};
         leap.at = 0;
+        leap.keptUntilRestart = kLeapKept;
         list.push_back(leap);
         Fault missing{"leap-seconds.list: unreadable at start", [](VirtualBoard &b, BoardModel &, bool on) {
                           b.failOpen("/leap-seconds.list", on ? EACCES : 0);
                       }};
         missing.at = 0;
+        missing.keptUntilRestart = kLeapKept;
         list.push_back(missing);
     }
 
@@ -314,6 +326,10 @@ std::vector<Fault> faults(std::int64_t flapSeconds)
                        b.setFpgaConfigured(!on);
                    }};
         fpga.at = 0;
+        fpga.expect = [](const Seen &s) {
+            return s.during.handoversOk == 0 ? std::string()
+                                             : "the FPGA took the time without its bitstream";
+        };
         list.push_back(fpga);
     }
     const auto pulse = [](std::int64_t highUs, std::int64_t periodUs, int level) {
@@ -398,9 +414,12 @@ int main(int argc, char **argv)
         std::string problem = error;
         if (problem.empty() && s.aborted != fault.aborts)
             problem = s.aborted ? "the daemon aborted" : "the daemon did not stop";
-        std::string recovery = fault.aborts ? "stopped (by design)" : "yes";
+        std::string recovery = fault.aborts                     ? "stopped (by design)"
+                               : !fault.keptUntilRestart.empty() ? fault.keptUntilRestart
+                                                                 : "yes";
         if (!fault.aborts && !s.aborted) {
-            if (const std::string why = recovered(s); !why.empty()) {
+            if (const std::string why = recovered(s, !fault.keptUntilRestart.empty());
+                !why.empty()) {
                 recovery = "no: " + why;
                 problem = why;
             }
