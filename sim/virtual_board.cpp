@@ -199,6 +199,12 @@ struct VirtualBoard::State {
     std::vector<std::pair<int, std::uint64_t>> printed; // register values printed lately
     int unreadWrites = 0;
     bool loaderBroken = false;
+    // The RAM disk's usage as last counted. Counting walks every file on it
+    // (a thousand chart files); the daemon asks once a steered second, so the
+    // count is kept for a minute of board time, and counted again at once
+    // after the daemon removes or renames a file or the disk is made anew.
+    std::optional<FileSystemUsage> ramUsage;
+    std::int64_t ramUsageAtUs = 0;
     bool ramNoSpace = false;
     bool ramNoInodes = false;
     std::set<int> ramFds;
@@ -738,6 +744,7 @@ struct VirtualBoard::State {
             if (nw >= 3 && w[1] == "/dev/ram1" && w[2] == "/ramcache") {
                 fs::create_directories(hostPath("/ramcache"), error);
                 mounted = true;
+                ramUsage.reset();
             }
         } else if (program == "ifconfig") {
             if (nw >= 5 && w[1] == "eth0" && w[3] == "netmask") {
@@ -800,10 +807,6 @@ struct VirtualBoard::State {
         usage.freeBlocks = ramBlocks > usedBlocks ? ramBlocks - usedBlocks : 0;
         usage.inodes = ramInodes;
         usage.freeInodes = ramInodes > usedInodes ? ramInodes - usedInodes : 0;
-        if (ramNoSpace)
-            usage.freeBlocks = 0;
-        if (ramNoInodes)
-            usage.freeInodes = 0;
         return usage;
     }
 };
@@ -909,6 +912,7 @@ void VirtualBoard::setRamDisk(std::uint64_t blocks, std::uint64_t inodes)
     const std::lock_guard lock(state_->mutex);
     state_->ramBlocks = blocks;
     state_->ramInodes = inodes;
+    state_->ramUsage.reset();
 }
 
 // ---------------------------------------------------------------- clock
@@ -1595,6 +1599,7 @@ bool VirtualBoard::removeFile(const std::string &path)
             errno = EROFS;
             return false;
         }
+        s.ramUsage.reset();
     }
     return ::unlink(hostPath(path).c_str()) == 0;
 }
@@ -1608,6 +1613,7 @@ bool VirtualBoard::renameFile(const std::string &from, const std::string &to)
             errno = EROFS;
             return false;
         }
+        s.ramUsage.reset();
     }
     return std::rename(hostPath(from).c_str(), hostPath(to).c_str()) == 0;
 }
@@ -1626,8 +1632,18 @@ std::optional<FileSystemUsage> VirtualBoard::fileSystemUsage(const std::string &
     const std::string board = absolutePath(path);
     {
         const std::lock_guard lock(s.mutex);
-        if (s.mounted && (board == "/ramcache" || board.starts_with("/ramcache/")))
-            return s.ramDiskUsageLocked();
+        if (s.mounted && (board == "/ramcache" || board.starts_with("/ramcache/"))) {
+            if (!s.ramUsage || s.nowUs - s.ramUsageAtUs >= 60'000'000) {
+                s.ramUsage = s.ramDiskUsageLocked();
+                s.ramUsageAtUs = s.nowUs;
+            }
+            FileSystemUsage usage = *s.ramUsage;
+            if (s.ramNoSpace)
+                usage.freeBlocks = 0;
+            if (s.ramNoInodes)
+                usage.freeInodes = 0;
+            return usage;
+        }
     }
     struct statvfs st {};
     if (::statvfs(hostPath(path).c_str(), &st) != 0)
