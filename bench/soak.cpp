@@ -29,9 +29,9 @@ constexpr std::int64_t kStart = 1794787200; // 2026-11-16 00:00:00 UTC
 constexpr std::int64_t kDay = 86400;
 
 struct Day {
-    std::size_t heapKiB = 0;  // in use by the process: the daemon and the simulator
-    int hostFds = 0;          // the process's descriptors beyond those at start
-    int boardFds = 0;         // descriptors open on the board's sysfs and SPI device
+    std::size_t heapKiB = 0; // in use by the process: the daemon and the simulator
+    int hostFds = 0;         // the process's descriptors beyond those at start
+    int boardFds = 0;        // descriptors open on the board's sysfs and SPI device
     std::uint64_t blocksPeak = 0, inodesPeak = 0; // RAM disk, the day's highest
     std::uint64_t blocks = 0, inodes = 0;         // its size
     std::int64_t errorLog = 0;                    // bytes, both generations
@@ -160,16 +160,17 @@ int main(int argc, char **argv)
             today.charts += name.starts_with("ptp_data_") ? 1 : 0;
         rows.push_back(today);
         const Day &r = today;
-        std::printf("| %lld%s | %zu | %d | %d | %llu/%llu (%.0f %%) | %llu/%llu (%.0f %%) | %lld | %d |\n",
-                    static_cast<long long>(d),
-                    d == days / 3 || d == 2 * days / 3 ? " (then a restart)" : "",
-                    r.heapKiB, r.hostFds, r.boardFds, static_cast<unsigned long long>(r.blocksPeak),
-                    static_cast<unsigned long long>(r.blocks),
-                    100.0 * static_cast<double>(r.blocksPeak) / static_cast<double>(r.blocks),
-                    static_cast<unsigned long long>(r.inodesPeak),
-                    static_cast<unsigned long long>(r.inodes),
-                    100.0 * static_cast<double>(r.inodesPeak) / static_cast<double>(r.inodes),
-                    static_cast<long long>(r.errorLog), r.charts);
+        std::printf(
+            "| %lld%s | %zu | %d | %d | %llu/%llu (%.0f %%) | %llu/%llu (%.0f %%) | %lld | %d |\n",
+            static_cast<long long>(d),
+            d == days / 3 || d == 2 * days / 3 ? " (then a restart)" : "", r.heapKiB, r.hostFds,
+            r.boardFds, static_cast<unsigned long long>(r.blocksPeak),
+            static_cast<unsigned long long>(r.blocks),
+            100.0 * static_cast<double>(r.blocksPeak) / static_cast<double>(r.blocks),
+            static_cast<unsigned long long>(r.inodesPeak),
+            static_cast<unsigned long long>(r.inodes),
+            100.0 * static_cast<double>(r.inodesPeak) / static_cast<double>(r.inodes),
+            static_cast<long long>(r.errorLog), r.charts);
         std::fflush(stdout);
         today = Day{};
         if (d == days / 3 || d == 2 * days / 3)

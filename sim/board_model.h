@@ -21,17 +21,17 @@ struct BoardConfig {
     // An OCXO pulled about +-0.4 ppm across the DAC range: ns/s of frequency
     // per DAC code; a higher code makes the offset fall.
     double gain = 0.012;
-    int naturalCode = 33000;           // the code at which the oscillator is on frequency
-    double noiseNs = 2.0;              // white phase noise of each measurement (standard deviation)
-    double initialOffset = 2500.0;     // ns
+    int naturalCode = 33000;       // the code at which the oscillator is on frequency
+    double noiseNs = 2.0;          // white phase noise of each measurement (standard deviation)
+    double initialOffset = 2500.0; // ns
     // The oscillator's own wander (all 0: a perfectly stable oscillator whose
     // frequency only the DAC moves). Frequencies in ppb, that is ns of phase
     // per second.
-    double randomWalkPpb = 0;   // random-walk frequency noise: a step of this
-                                // standard deviation every second
-    double temperaturePpb = 0;  // amplitude of the daily temperature cycle
-    double ageingPpbPerDay = 0; // linear frequency drift
-    std::string oscillator;     // the preset it started from ("ocxo", "tcxo"), if any
+    double randomWalkPpb = 0;          // random-walk frequency noise: a step of this
+                                       // standard deviation every second
+    double temperaturePpb = 0;         // amplitude of the daily temperature cycle
+    double ageingPpbPerDay = 0;        // linear frequency drift
+    std::string oscillator;            // the preset it started from ("ocxo", "tcxo"), if any
     std::int64_t pulseHighUs = 100000; // the high part of every second on line 19
     int requests = 40;                 // PTP packets per second (mean)
     int responses = 40;
@@ -111,8 +111,8 @@ class BoardModel {
     double offset_;             // ns
     std::int64_t offsetTimeUs_; // time of the last integration
     const std::int64_t startUs_;
-    double wanderPpb_ = 0;        // the random walk's frequency so far
-    std::int64_t wanderSecond_;   // the board second of its last step
+    double wanderPpb_ = 0;      // the random walk's frequency so far
+    std::int64_t wanderSecond_; // the board second of its last step
     int code_ = 32768;          // the DAC code in force
     std::size_t dacSeen_ = 0;
     int openNumber_ = -1; // written to register 10, -1 when none

@@ -99,8 +99,8 @@ int main(int argc, char **argv)
     std::printf("board files: %s/board   logs: %s/logs\n", options.outDir.c_str(),
                 options.outDir.c_str());
     if (!options.reportDir.empty())
-        std::printf("report: %s/report.html   data: %s/series.csv\n",
-                    options.reportDir.c_str(), options.reportDir.c_str());
+        std::printf("report: %s/report.html   data: %s/series.csv\n", options.reportDir.c_str(),
+                    options.reportDir.c_str());
     if (result.daemonAborted) {
         std::fprintf(stderr, "%s\n", result.error.c_str());
         return 1;

@@ -708,8 +708,7 @@ std::string page(const ReportInput &input, std::string &metricsCsv)
                 measured ? format("Phase error, longest steered stretch after its first %zu s",
                                   kLoopSettlingSeconds)
                          : std::string("Phase error, longest steered stretch");
-            out += phasePlot(title.c_str(),
-                             seconds, time, zoom.begin, zoom.end);
+            out += phasePlot(title.c_str(), seconds, time, zoom.begin, zoom.end);
         }
         out += dacPlot(seconds, time);
         out += statePlot(seconds, time);

@@ -15,10 +15,10 @@ namespace zarvent::sim {
 // One board second, taken just after the second's cycle.
 struct ReportSecond {
     std::int64_t unixSecond = 0;
-    double trueOffsetNs = 0;    // the oscillator's true phase error at the pulse
-    bool offsetRead = false;    // the daemon read an offset this second
-    double readOffsetNs = 0;    // the offset the daemon read (the status page's figure)
-    int dacCode = 0;            // the DAC code in force
+    double trueOffsetNs = 0;     // the oscillator's true phase error at the pulse
+    bool offsetRead = false;     // the daemon read an offset this second
+    double readOffsetNs = 0;     // the offset the daemon read (the status page's figure)
+    int dacCode = 0;             // the DAC code in force
     bool referenceValid = false; // the receiver's data valid (RMC status A)
     bool alarm = false;          // the alarm output active
     bool antennaFault = false;   // the antenna supervision reports a fault

@@ -82,11 +82,11 @@ Recorder::Recorder(const Scenario &scenario, const std::string &path)
 {
     input_.title = path.empty() ? "scenario" : std::filesystem::path(path).stem().string();
     const BoardConfig &c = scenario.config;
-    input_.oscillator = format("%s gain %.3f ppb/code, natural code %d, white phase noise %.1f ns, "
-                               "random walk %.4f ppb/s, temperature +-%.2f ppb, ageing %.2f ppb/day",
-                               c.oscillator.empty() ? "custom" : c.oscillator.c_str(), c.gain,
-                               c.naturalCode, c.noiseNs, c.randomWalkPpb, c.temperaturePpb,
-                               c.ageingPpbPerDay);
+    input_.oscillator =
+        format("%s gain %.3f ppb/code, natural code %d, white phase noise %.1f ns, "
+               "random walk %.4f ppb/s, temperature +-%.2f ppb, ageing %.2f ppb/day",
+               c.oscillator.empty() ? "custom" : c.oscillator.c_str(), c.gain, c.naturalCode,
+               c.noiseNs, c.randomWalkPpb, c.temperaturePpb, c.ageingPpbPerDay);
     input_.seconds.reserve(static_cast<std::size_t>(std::max<std::int64_t>(scenario.durationS, 0)));
 }
 

@@ -47,7 +47,7 @@ struct RunOptions {
     std::function<void(const SecondView &)> eachSecond; // once per board second
     // Once the board is laid out and before the daemon starts.
     std::function<void(VirtualBoard &, BoardModel &)> beforeStart;
-    const std::atomic<bool> *stop = nullptr;            // ends the run at the next second
+    const std::atomic<bool> *stop = nullptr; // ends the run at the next second
     std::string reportDir; // when set: report.html and series.csv of the run there
 };
 

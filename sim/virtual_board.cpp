@@ -78,8 +78,7 @@ struct DacDecoder {
 // A command's output, captured by the model when the command ran.
 class ModelledCommand final : public Command {
   public:
-    ModelledCommand(std::string output, int status) : output_(std::move(output)), status_(status)
-    {}
+    ModelledCommand(std::string output, int status) : output_(std::move(output)), status_(status) {}
     long read(std::span<char> into) override
     {
         const std::size_t count = std::min(into.size(), output_.size() - position_);
@@ -195,7 +194,7 @@ struct VirtualBoard::State {
     std::int64_t nowUs = 0;
     std::int64_t clockStepUs = 0; // the system clock against true time
     std::map<std::string, ToolFault> toolFaults;
-    std::uint32_t junk = 12345; // the faulty tools' pseudo-random bytes
+    std::uint32_t junk = 12345;                         // the faulty tools' pseudo-random bytes
     std::vector<std::pair<int, std::uint64_t>> printed; // register values printed lately
     int unreadWrites = 0;
     bool loaderBroken = false;
@@ -543,7 +542,8 @@ struct VirtualBoard::State {
             const bool fromRegister =
                 std::any_of(printed.begin(), printed.end(), [&](const auto &p) {
                     return (p.first == 2 || p.first == 48) &&
-                           (p.second & ~std::uint64_t{7}) == (value(w, i, count) & ~std::uint64_t{7});
+                           (p.second & ~std::uint64_t{7}) ==
+                               (value(w, i, count) & ~std::uint64_t{7});
                 });
             unreadWrites += fromRegister ? 0 : 1;
         }
@@ -589,7 +589,8 @@ struct VirtualBoard::State {
     // A faulty program's output in place of out; its exit status.
     int misbehaveLocked(ToolFault fault, const std::string &program, std::string &out)
     {
-        constexpr std::string_view kAlnum = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
+        constexpr std::string_view kAlnum =
+            "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
         switch (fault) {
         case ToolFault::None:
         case ToolFault::Slow:

@@ -62,13 +62,13 @@ struct Fault {
 
 // What the run showed, counted per phase: before, during and after the fault.
 struct Phase {
-    int cycles = 0;       // phase reads of register 14
-    int steered = 0;      // seconds with the synchronisation flag set
+    int cycles = 0;  // phase reads of register 14
+    int steered = 0; // seconds with the synchronisation flag set
     int handoversOk = 0;
     int handoversBad = 0;
     int dacWords = 0;
-    int passes = 0;       // supervision passes (reference queries)
-    int pageChanges = 0;  // seconds in which the status page changed
+    int passes = 0;      // supervision passes (reference queries)
+    int pageChanges = 0; // seconds in which the status page changed
 };
 
 struct Seen {
@@ -122,9 +122,9 @@ Seen runFault(const Fault &fault, std::string &error)
             faultOn = t == fault.at;
             fault.set(view.board, view.model, faultOn);
         }
-        Phase *phase = t > fault.at && t <= fault.clear   ? &seen.during
+        Phase *phase = t > fault.at && t <= fault.clear ? &seen.during
                        : t > fault.end - kHealthyWindow ? &seen.last
-                                                          : nullptr;
+                                                        : nullptr;
         const BoardStats stats = view.model.stats();
         const std::vector<CommandRecord> commands = view.board.commands(commandsSeen);
         const std::string now = view.board.readFile("/ramcache/zarvent/ntp_data.txt").value_or("");
@@ -205,9 +205,9 @@ std::vector<Fault> faults(std::int64_t flapSeconds)
         {"rm", {"rm"}},
     };
     const std::vector<std::pair<std::string, ToolFault>> kinds = {
-        {"no output", ToolFault::Empty},         {"short output", ToolFault::Short},
-        {"garbage", ToolFault::Garbage},         {"error message", ToolFault::Error},
-        {"overlong line", ToolFault::Overlong},  {"binary junk", ToolFault::Binary},
+        {"no output", ToolFault::Empty},          {"short output", ToolFault::Short},
+        {"garbage", ToolFault::Garbage},          {"error message", ToolFault::Error},
+        {"overlong line", ToolFault::Overlong},   {"binary junk", ToolFault::Binary},
         {"exit status 1", ToolFault::ExitStatus}, {"slow (3 s a call)", ToolFault::Slow},
     };
     for (const auto &[name, names] : programs) {
@@ -216,17 +216,19 @@ std::vector<Fault> faults(std::int64_t flapSeconds)
                                 b.setToolAbsent(n, on);
                         }});
         for (const auto &[kind, fault] : kinds)
-            list.push_back({name + ": " + kind,
-                            [names, fault](VirtualBoard &b, BoardModel &, bool on) {
-                                tool(b, names, fault, on);
-                            }});
+            list.push_back(
+                {name + ": " + kind, [names, fault](VirtualBoard &b, BoardModel &, bool on) {
+                     tool(b, names, fault, on);
+                 }});
     }
     // Tools run only at start: the fault holds from the start.
     for (const std::string program : {"adjtimex", "./wrFPGA", "mkfs", "mount", "tail"})
-        for (const ToolFault fault : {ToolFault::Garbage, ToolFault::Binary, ToolFault::ExitStatus}) {
-            Fault f{program + ": " + (fault == ToolFault::Garbage  ? "garbage"
-                                      : fault == ToolFault::Binary ? "binary junk"
-                                                                   : "exit status 1") +
+        for (const ToolFault fault :
+             {ToolFault::Garbage, ToolFault::Binary, ToolFault::ExitStatus}) {
+            Fault f{program + ": " +
+                        (fault == ToolFault::Garbage  ? "garbage"
+                         : fault == ToolFault::Binary ? "binary junk"
+                                                      : "exit status 1") +
                         " at start",
                     [program, fault](VirtualBoard &b, BoardModel &, bool on) {
                         b.setToolFault(program, on ? fault : ToolFault::None);
@@ -272,14 +274,16 @@ std::vector<Fault> faults(std::int64_t flapSeconds)
                         })});
     }
     {
-        Fault leap{"leap-seconds.list: huge junk at start", [](VirtualBoard &b, BoardModel &, bool) {
+        Fault leap{"leap-seconds.list: huge junk at start",
+                   [](VirtualBoard &b, BoardModel &, bool) {
                        // Read once at start; the junk stays.
                        b.writeFile("/leap-seconds.list", std::string(1 << 20, '\x80'));
                    }};
         leap.at = 0;
         leap.keptUntilRestart = kLeapKept;
         list.push_back(leap);
-        Fault missing{"leap-seconds.list: unreadable at start", [](VirtualBoard &b, BoardModel &, bool on) {
+        Fault missing{"leap-seconds.list: unreadable at start",
+                      [](VirtualBoard &b, BoardModel &, bool on) {
                           b.failOpen("/leap-seconds.list", on ? EACCES : 0);
                       }};
         missing.at = 0;
@@ -288,12 +292,10 @@ std::vector<Fault> faults(std::int64_t flapSeconds)
     }
 
     // The RAM disk.
-    list.push_back({"RAM disk full (no space)", [](VirtualBoard &b, BoardModel &, bool on) {
-                        b.setRamDiskFull(on, false);
-                    }});
-    list.push_back({"RAM disk full (no inodes)", [](VirtualBoard &b, BoardModel &, bool on) {
-                        b.setRamDiskFull(false, on);
-                    }});
+    list.push_back({"RAM disk full (no space)",
+                    [](VirtualBoard &b, BoardModel &, bool on) { b.setRamDiskFull(on, false); }});
+    list.push_back({"RAM disk full (no inodes)",
+                    [](VirtualBoard &b, BoardModel &, bool on) { b.setRamDiskFull(false, on); }});
     list.push_back({"RAM disk read-only", [](VirtualBoard &b, BoardModel &, bool on) {
                         b.setReadOnly("/ramcache", on);
                     }});
@@ -353,7 +355,8 @@ std::vector<Fault> faults(std::int64_t flapSeconds)
 
     // The reference flapping at every supervision pass.
     {
-        Fault flap{"reference flapping every pass for " + format("%g", static_cast<double>(flapSeconds) / 3600.0) + " h",
+        Fault flap{"reference flapping every pass for " +
+                       format("%g", static_cast<double>(flapSeconds) / 3600.0) + " h",
                    [](VirtualBoard &b, BoardModel &, bool on) {
                        if (!on) {
                            b.setRmcStatus('A');
@@ -373,9 +376,8 @@ std::vector<Fault> faults(std::int64_t flapSeconds)
     }
 
     // The SPI capture device gone while statistics are on: the daemon stops.
-    Fault spi{"SPI capture device gone", [](VirtualBoard &b, BoardModel &, bool on) {
-                  b.setSpiPresent(!on);
-              }};
+    Fault spi{"SPI capture device gone",
+              [](VirtualBoard &b, BoardModel &, bool on) { b.setSpiPresent(!on); }};
     spi.aborts = true;
     list.push_back(spi);
     return list;
@@ -414,7 +416,7 @@ int main(int argc, char **argv)
         std::string problem = error;
         if (problem.empty() && s.aborted != fault.aborts)
             problem = s.aborted ? "the daemon aborted" : "the daemon did not stop";
-        std::string recovery = fault.aborts                     ? "stopped (by design)"
+        std::string recovery = fault.aborts                      ? "stopped (by design)"
                                : !fault.keptUntilRestart.empty() ? fault.keptUntilRestart
                                                                  : "yes";
         if (!fault.aborts && !s.aborted) {
