@@ -210,16 +210,20 @@ std::vector<Fault> faults(std::int64_t flapSeconds)
         {"overlong line", ToolFault::Overlong},   {"binary junk", ToolFault::Binary},
         {"exit status 1", ToolFault::ExitStatus}, {"slow (3 s a call)", ToolFault::Slow},
     };
-    for (const auto &[name, names] : programs) {
+    for (const auto &program : programs) {
+        const std::string &name = program.first;
+        const std::vector<std::string> &names = program.second;
         list.push_back({name + ": missing", [names](VirtualBoard &b, BoardModel &, bool on) {
                             for (const std::string &n : names)
                                 b.setToolAbsent(n, on);
                         }});
-        for (const auto &[kind, fault] : kinds)
+        for (const auto &kind : kinds) {
+            const ToolFault fault = kind.second;
             list.push_back(
-                {name + ": " + kind, [names, fault](VirtualBoard &b, BoardModel &, bool on) {
+                {name + ": " + kind.first, [names, fault](VirtualBoard &b, BoardModel &, bool on) {
                      tool(b, names, fault, on);
                  }});
+        }
     }
     // Tools run only at start: the fault holds from the start.
     for (const std::string program : {"adjtimex", "./wrFPGA", "mkfs", "mount", "tail"})
