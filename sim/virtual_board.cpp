@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <linux/spi/spidev.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -78,7 +79,9 @@ struct DacDecoder {
 // A command's output, captured by the model when the command ran.
 class ModelledCommand final : public Command {
   public:
-    ModelledCommand(std::string output, int status) : output_(std::move(output)), status_(status) {}
+    ModelledCommand(std::string output, int status, bool timedOut = false)
+        : output_(std::move(output)), status_(status), timedOut_(timedOut)
+    {}
     long read(std::span<char> into) override
     {
         const std::size_t count = std::min(into.size(), output_.size() - position_);
@@ -90,11 +93,16 @@ class ModelledCommand final : public Command {
     {
         return status_;
     }
+    bool timedOut() const override
+    {
+        return timedOut_;
+    }
 
   private:
     std::string output_;
     std::size_t position_ = 0;
     int status_ = 0;
+    bool timedOut_ = false;
 };
 
 // "/sys/class/gpio/gpioN/ATTR": the attribute's kind and N; Free when the
@@ -201,7 +209,7 @@ struct VirtualBoard::State {
     // The RAM disk's usage as last counted. Counting walks every file on it
     // (a thousand chart files); the daemon asks once a steered second, so the
     // count is kept for a minute of board time, and counted again at once
-    // after the daemon removes or renames a file or the disk is made anew.
+    // after the daemon removes a file or the disk is made anew.
     std::optional<FileSystemUsage> ramUsage;
     std::int64_t ramUsageAtUs = 0;
     bool ramNoSpace = false;
@@ -255,6 +263,10 @@ struct VirtualBoard::State {
     std::multiset<std::thread::id> daemonThreads;
     bool stopped = false;
     bool stopRequested = false;
+    std::int64_t stopRequestedAtUs = 0;
+    std::optional<std::chrono::microseconds> watchdog;
+    std::vector<std::pair<std::int64_t, std::string>> notifications;
+    std::map<int, std::int64_t> heldReads; // line: virtual time its next read blocks
 
     // ---- the models (the functions named ...Locked expect mutex held)
     std::string hostPath(const std::string &boardPath) const
@@ -354,6 +366,24 @@ struct VirtualBoard::State {
         }
         errno = EMFILE;
         return -1;
+    }
+
+    // A read of a line's value that was asked to block does so, outside the
+    // lock, before it is answered.
+    void holdReadIfAsked(int fd)
+    {
+        std::int64_t hold = 0;
+        {
+            const std::lock_guard lock(mutex);
+            const VirtualFd *v = fdLocked(fd);
+            if (v != nullptr && v->kind == FdKind::Value)
+                if (const auto held = heldReads.find(v->line); held != heldReads.end()) {
+                    hold = held->second;
+                    heldReads.erase(held);
+                }
+        }
+        if (hold > 0)
+            passTime(hold);
     }
 
     VirtualFd *fdLocked(int fd)
@@ -594,6 +624,7 @@ struct VirtualBoard::State {
         switch (fault) {
         case ToolFault::None:
         case ToolFault::Slow:
+        case ToolFault::Hang:
             return 0;
         case ToolFault::Empty:
             out.clear();
@@ -854,7 +885,7 @@ void VirtualBoard::boardTree()
     writeFile(std::string(kWorkDir) + "/wrFPGA", "#!/bin/sh\n# FPGA loader (modelled)\n");
     writeFile(std::string(kWorkDir) + "/Version_1.rbf", "bitstream\n");
     std::error_code error;
-    for (const char *dir : {"/ramcache/zarvent", "/ftpdir", "/etc/network", "/dev"})
+    for (const char *dir : {"/ramcache/zarvent", "/ftpdir", "/etc/network", "/dev", "/run"})
         fs::create_directories(hostPath(dir), error);
     provideLine(85, true, 1);
     provideLine(176, false, 1);
@@ -936,6 +967,12 @@ void VirtualBoard::setCommandCostUs(std::int64_t us)
     state_->commandCostUs = us;
 }
 
+std::int64_t VirtualBoard::monotonicNs()
+{
+    const std::lock_guard lock(state_->mutex);
+    return state_->nowUs * 1000;
+}
+
 std::int64_t VirtualBoard::realtimeNs()
 {
     const std::lock_guard lock(state_->mutex);
@@ -966,7 +1003,8 @@ void VirtualBoard::sleepMicroseconds(unsigned microseconds)
 
 // ---------------------------------------------------------------- commands
 
-std::unique_ptr<Command> VirtualBoard::startCommand(const std::string &line, PipeMode mode)
+std::unique_ptr<Command> VirtualBoard::startCommand(const std::string &line, PipeMode mode,
+                                                    Deadline deadline)
 {
     State &s = *state_;
     s.checkRunning();
@@ -981,13 +1019,35 @@ std::unique_ptr<Command> VirtualBoard::startCommand(const std::string &line, Pip
         s.passTime(cost);
     const std::string program = line.substr(0, line.find_first_of(" \t\n;|"));
     ToolFault fault = ToolFault::None;
+    std::int64_t deadlineUs = std::chrono::duration_cast<std::chrono::microseconds>(deadline).count();
     {
         const std::lock_guard lock(s.mutex);
-        if (const auto f = s.toolFaults.find(program); f != s.toolFaults.end())
+        if (const auto f = s.toolFaults.find(line); f != s.toolFaults.end())
             fault = f->second;
+        else if (const auto g = s.toolFaults.find(program); g != s.toolFaults.end())
+            fault = g->second;
+        // As on the board: after a stop request no command outlasts it by
+        // more than the grace.
+        if (s.stopRequested)
+            deadlineUs = std::min(
+                deadlineUs,
+                std::max<std::int64_t>(
+                    0, s.stopRequestedAtUs +
+                           std::chrono::duration_cast<std::chrono::microseconds>(kStopGrace).count() -
+                           s.nowUs));
+    }
+    constexpr std::int64_t kSlowUs = 3000000;
+    if (fault == ToolFault::Hang || (fault == ToolFault::Slow && kSlowUs >= deadlineUs)) {
+        // Killed at its deadline with its group, before it did anything.
+        {
+            const std::lock_guard lock(s.mutex);
+            s.commands.push_back({line, mode, s.nowUs});
+        }
+        s.passTime(deadlineUs);
+        return std::make_unique<ModelledCommand>("", -1, true);
     }
     if (fault == ToolFault::Slow)
-        s.passTime(3000000);
+        s.passTime(kSlowUs);
     std::unique_lock lock(s.mutex);
     s.commands.push_back({line, mode, s.nowUs});
     const std::size_t printedBefore = s.printed.size();
@@ -1263,6 +1323,12 @@ bool VirtualBoard::ramDiskMounted() const
 
 // ---------------------------------------------------------------- GPIO
 
+void VirtualBoard::holdNextRead(int line, std::int64_t us)
+{
+    const std::lock_guard lock(state_->mutex);
+    state_->heldReads[line] = us;
+}
+
 void VirtualBoard::provideLine(int line, bool output, int level)
 {
     const std::lock_guard lock(state_->mutex);
@@ -1416,6 +1482,7 @@ int VirtualBoard::open(const std::string &path, int flags)
 long VirtualBoard::read(int fd, std::span<char> into)
 {
     State &s = *state_;
+    s.holdReadIfAsked(fd);
     std::unique_lock lock(s.mutex);
     if (VirtualFd *v = s.fdLocked(fd))
         return s.readAttributeLocked(*v, into);
@@ -1426,6 +1493,7 @@ long VirtualBoard::read(int fd, std::span<char> into)
 long VirtualBoard::readAt(int fd, std::span<char> into, std::int64_t offset)
 {
     State &s = *state_;
+    s.holdReadIfAsked(fd);
     std::unique_lock lock(s.mutex);
     if (VirtualFd *v = s.fdLocked(fd))
         return s.readAttributeLocked(*v, into);
@@ -1614,9 +1682,24 @@ bool VirtualBoard::renameFile(const std::string &from, const std::string &to)
             errno = EROFS;
             return false;
         }
-        s.ramUsage.reset();
+        // A file renamed over another (the status page every second) frees
+        // what the new one takes: the count of a minute ago still holds.
     }
     return std::rename(hostPath(from).c_str(), hostPath(to).c_str()) == 0;
+}
+
+std::optional<std::uint64_t> VirtualBoard::deviceOf(const std::string &path)
+{
+    const std::lock_guard lock(state_->mutex);
+    const std::string board = absolutePath(path);
+    if (state_->mounted && (board == "/ramcache" || board.starts_with("/ramcache/")))
+        return 2;
+    return 1;
+}
+
+int VirtualBoard::tryLockFile(int fd)
+{
+    return ::flock(fd, LOCK_EX | LOCK_NB);
 }
 
 std::optional<std::int64_t> VirtualBoard::fileSize(const std::string &path)
@@ -1682,9 +1765,39 @@ void VirtualBoard::requestStop(bool stop)
 {
     const std::lock_guard lock(state_->mutex);
     state_->stopRequested = stop;
+    state_->stopRequestedAtUs = state_->nowUs;
 }
 
-void VirtualBoard::waitForStop()
+void VirtualBoard::setWatchdogInterval(std::optional<std::chrono::microseconds> interval)
+{
+    const std::lock_guard lock(state_->mutex);
+    state_->watchdog = interval;
+}
+
+std::optional<std::chrono::microseconds> VirtualBoard::watchdogInterval()
+{
+    const std::lock_guard lock(state_->mutex);
+    return state_->watchdog;
+}
+
+void VirtualBoard::notifyServiceManager(std::string_view text)
+{
+    const std::lock_guard lock(state_->mutex);
+    state_->notifications.emplace_back(state_->nowUs, std::string(text));
+}
+
+std::vector<std::pair<std::int64_t, std::string>> VirtualBoard::notifications() const
+{
+    const std::lock_guard lock(state_->mutex);
+    return state_->notifications;
+}
+
+int VirtualBoard::processId()
+{
+    return 4242;
+}
+
+bool VirtualBoard::waitForStopRequest(Deadline timeout)
 {
     state_->checkRunning();
     Scheduler *scheduler = nullptr;
@@ -1694,9 +1807,26 @@ void VirtualBoard::waitForStop()
     }
     if (scheduler == nullptr)
         throw SimulationEnded{};
-    // The daemon's threads look at the request between their steps; one
-    // poll interval of virtual time at a time until the last has ended.
-    while (!stopRequested() || scheduler->liveThreads() > 1)
+    // One poll interval of virtual time at a time: the request comes from
+    // the scenario, between two of the daemon's steps.
+    const std::int64_t until =
+        nowUs() + std::chrono::duration_cast<std::chrono::microseconds>(timeout).count();
+    while (!stopRequested() && nowUs() < until)
+        scheduler->wait(500);
+    return stopRequested();
+}
+
+void VirtualBoard::joinThreads()
+{
+    state_->checkRunning();
+    Scheduler *scheduler = nullptr;
+    {
+        const std::lock_guard lock(state_->mutex);
+        scheduler = state_->scheduler;
+    }
+    if (scheduler == nullptr)
+        throw SimulationEnded{};
+    while (scheduler->liveThreads() > 1)
         scheduler->wait(500);
 }
 

@@ -21,6 +21,7 @@
 // by a daemon thread throws SimulationEnded, which unwinds that thread.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -66,9 +67,10 @@ enum class RegisterToolFault { None, Garbage, Short };
 // its effects on the board happen): nothing at all, the first half, the same
 // shape with other letters and digits, an error message instead, everything
 // on one endless line without a newline, binary junk, the right output with
-// exit status 1, or the right output after three seconds. A missing program
-// is setToolAbsent().
-enum class ToolFault { None, Empty, Short, Garbage, Error, Overlong, Binary, ExitStatus, Slow };
+// exit status 1, the right output after three seconds (killed first where
+// its deadline is shorter), or never ending until killed at its deadline,
+// having done nothing. A missing program is setToolAbsent().
+enum class ToolFault { None, Empty, Short, Garbage, Error, Overlong, Binary, ExitStatus, Slow, Hang };
 enum class SpiOp { Open, WriteMode, ReadMode, WriteBits, ReadBits, Message };
 
 // The fields of the last SPI transfer descriptor the daemon handed over.
@@ -106,7 +108,8 @@ class VirtualBoard final : public Platform {
     VirtualBoard &operator=(const VirtualBoard &) = delete;
 
     // ---- the seam
-    std::unique_ptr<Command> startCommand(const std::string &line, PipeMode mode) override;
+    std::unique_ptr<Command> startCommand(const std::string &line, PipeMode mode,
+                                          Deadline deadline) override;
     int open(const std::string &path, int flags) override;
     long read(int fd, std::span<char> into) override;
     long readAt(int fd, std::span<char> into, std::int64_t offset) override;
@@ -119,18 +122,28 @@ class VirtualBoard final : public Platform {
     bool renameFile(const std::string &from, const std::string &to) override;
     std::optional<std::int64_t> fileSize(const std::string &path) override;
     std::optional<FileSystemUsage> fileSystemUsage(const std::string &path) override;
+    // /ramcache lies on a device of its own once the RAM disk is mounted.
+    std::optional<std::uint64_t> deviceOf(const std::string &path) override;
+    int tryLockFile(int fd) override;
     std::int64_t realtimeNs() override;
+    // Virtual time, never stepped.
+    std::int64_t monotonicNs() override;
     std::optional<std::tm> localTime(std::int64_t unixSeconds) override;
     void sleepSeconds(unsigned seconds) override;
     void sleepMicroseconds(unsigned microseconds) override;
     void startThread(std::function<void()> entry) override;
     bool stopRequested() override;
     // Without a scheduler the caller's wait ends the run (SimulationEnded);
-    // with one, virtual time passes until a stop is requested and every
-    // daemon thread has ended.
-    void waitForStop() override;
+    // with one, virtual time passes until a stop is requested or the
+    // timeout has passed, and until every daemon thread has ended.
+    bool waitForStopRequest(Deadline timeout) override;
+    void joinThreads() override;
     void lock(Mutex &mutex) override ACQUIRE(mutex);
     void writeError(std::string_view text) override;
+    // Recorded with their time: notifications().
+    void notifyServiceManager(std::string_view state) override;
+    std::optional<std::chrono::microseconds> watchdogInterval() override;
+    int processId() override;
     [[noreturn]] void abortProcess() override;
 
     // ---- set-up and files of the tree
@@ -180,7 +193,7 @@ class VirtualBoard final : public Platform {
     // for a missing program.
     void setToolAbsent(const std::string &tool, bool absent);
     // Every command line whose first program is `program` (as written: "ntpq",
-    // "./spiWrite", "echo") misbehaves so.
+    // "./spiWrite", "echo"), or that is exactly `program`, misbehaves so.
     void setToolFault(const std::string &program, ToolFault fault);
     std::vector<CommandRecord> commands() const;
     // The commands from the from-th on.
@@ -222,6 +235,9 @@ class VirtualBoard final : public Platform {
 
     // ---- GPIO (sysfs semantics)
     void provideLine(int line, bool output, int level);
+    // The next read of the line's value blocks for us of virtual time (a
+    // driver that does not answer).
+    void holdNextRead(int line, std::int64_t us);
     void setInput(int line, int level);
     // The next reads of the line return these levels, then its level again.
     void queueReads(int line, std::vector<int> levels);
@@ -253,6 +269,10 @@ class VirtualBoard final : public Platform {
     // SIGTERM to the daemon: stopRequested() is true from now on (false again
     // with requestStop(false), for a daemon started after it).
     void requestStop(bool stop = true);
+    // systemd's watchdog as the daemon will find it (nothing: none).
+    void setWatchdogInterval(std::optional<std::chrono::microseconds> interval);
+    // What the daemon sent to the service manager, with the time.
+    std::vector<std::pair<std::int64_t, std::string>> notifications() const;
 
     // ---- threads
     std::size_t threadCount() const;

@@ -129,7 +129,8 @@ TEST(Threads, StopEndsEveryThreadAndClosesAll)
         EXPECT_GT(board.openDescriptors(), 0);
         board.requestStop();
         const std::int64_t asked = board.nowUs();
-        board.waitForStop();
+        EXPECT_TRUE(board.waitForStopRequest(std::chrono::seconds(1)));
+        board.joinThreads();
         EXPECT_LT(board.nowUs() - asked, 5'000'000);
         EXPECT_EQ(scheduler.liveThreads(), 1u);
         const auto words = board.dacWords().size();

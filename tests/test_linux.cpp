@@ -100,7 +100,8 @@ TEST_F(LinuxTest, StopSignalEndsEveryThread)
     EXPECT_EQ(mask.last, "SigBlk:\t0000000000000000\n");
     EXPECT_FALSE(platform.stopRequested());
     ASSERT_EQ(::kill(::getpid(), SIGTERM), 0);
-    platform.waitForStop();
+    EXPECT_TRUE(platform.waitForStopRequest(std::chrono::seconds(10)));
+    platform.joinThreads();
     EXPECT_TRUE(platform.stopRequested());
     EXPECT_EQ(ended.load(), 2);
 }

@@ -223,12 +223,17 @@ TEST_F(PageTest, MeanAndJitterWhileSteering)
               std::string::npos);
 }
 
-TEST_F(PageTest, PageThatCannotBeOpened)
+// A RAM disk out of inodes: the new page cannot be made, the old one stays
+// whole for the web interface.
+TEST_F(PageTest, PageThatCannotBeMade)
 {
     shared.Sync_En = 1;
-    board.failOpen("/ramcache/zarvent/ntp_data.txt", EACCES);
+    board.writeFile("/ramcache/zarvent/ntp_data.txt", "the last page\n");
+    board.writeFile("/ramcache/zarvent/lock", "");
+    board.setRamDiskFull(false, true);
     page.FileWrite();
-    EXPECT_EQ(board.errorOutput(), "Cannot open file\n: Permission denied\n");
+    EXPECT_EQ(board.errorOutput(), "Cannot open file\n: No space left on device\n");
+    EXPECT_EQ(file("/ramcache/zarvent/ntp_data.txt"), "the last page\n");
     EXPECT_TRUE(board.exists("/ramcache/zarvent/lock"));
     EXPECT_EQ(page.filter().z_prev, 0.0f);
     EXPECT_EQ(shared.Jitter, 12);

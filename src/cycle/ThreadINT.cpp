@@ -92,6 +92,7 @@ void CycleThread::ThreadSrvINT()
     setup();
     while (!platform_.stopRequested()) {
         poll();
+        progress_.fetch_add(1, std::memory_order_relaxed);
         platform_.sleepMicroseconds(kPollMicroseconds);
     }
 }

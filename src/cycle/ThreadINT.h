@@ -2,6 +2,8 @@
 // thread polls it every 500 µs and runs the cycle once per high phase.
 #pragma once
 
+#include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 
@@ -72,6 +74,16 @@ class CycleThread {
     {
         return *steering_;
     }
+    // Loop iterations so far, for the watchdog: it stops feeding systemd's
+    // watchdog when this stays still for longer than kProgressBound.
+    std::uint64_t progress() const
+    {
+        return progress_.load(std::memory_order_relaxed);
+    }
+    // The longest one poll may take with every command of a cycle at its
+    // deadline: about sixteen register commands and ntptime (2 s each),
+    // ntpq (8 s), up to four indicator echoes and two rm of lock files (5 s).
+    static constexpr std::chrono::seconds kProgressBound{90};
 
   private:
     Platform &platform_;
@@ -90,6 +102,7 @@ class CycleThread {
     std::unique_ptr<TimeHandover> handover_;
     std::unique_ptr<OffsetReadout> offset_;
     std::unique_ptr<Steering> steering_;
+    std::atomic<std::uint64_t> progress_{0};
 };
 
 } // namespace zarvent

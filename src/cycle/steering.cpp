@@ -121,6 +121,15 @@ void Steering::trimCharts(const std::string &current)
     // The names sort as the minutes they hold.
     std::sort(names.begin(), names.end());
     const std::string currentName = current.substr(current.rfind('/') + 1);
+    // Files of minutes after the current one were written before the clock
+    // was stepped back: they go first, or retention would keep them as the
+    // newest and delete each new minute instead.
+    while (!names.empty() && names.back() > currentName) {
+        platform_.removeFile(std::string(chart::kDirectory) + "/" + names.back());
+        names.pop_back();
+    }
+    // The current minute's file is made after this: it counts already.
+    const std::size_t coming = std::binary_search(names.begin(), names.end(), currentName) ? 0 : 1;
     std::size_t first = 0;
     auto removeOldest = [&] {
         if (names[first] == currentName)
@@ -129,12 +138,15 @@ void Steering::trimCharts(const std::string &current)
         ++first;
         return true;
     };
-    while (names.size() - first > static_cast<std::size_t>(chart::kFilesKept) && removeOldest()) {
+    while (names.size() - first + coming > static_cast<std::size_t>(chart::kFilesKept) &&
+           removeOldest()) {
     }
     for (;;) {
         const auto usage = platform_.fileSystemUsage(chart::kDirectory);
-        const bool tight = usage && (usage->freeBlocks * chart::kFreeQuarter < usage->blocks ||
-                                     usage->freeInodes * chart::kFreeQuarter < usage->inodes);
+        const auto afterNew = [coming](std::uint64_t free) { return free - std::min(free, coming); };
+        const bool tight =
+            usage && (afterNew(usage->freeBlocks) * chart::kFreeQuarter < usage->blocks ||
+                      afterNew(usage->freeInodes) * chart::kFreeQuarter < usage->inodes);
         if (!tight || first == names.size() || !removeOldest())
             break;
     }
@@ -144,6 +156,13 @@ void Steering::chartPoint(std::int32_t offset)
 {
     const std::tm t = shared_.getTimeinfo();
     const std::string name = chartFileName(t);
+    if (name != lastChart_) {
+        // A new minute starts a new file: room is made before it is created,
+        // so that a RAM disk out of inodes frees some even when this file
+        // cannot be made.
+        lastChart_ = name;
+        trimCharts(name);
+    }
     OutputFile file(platform_, name, OutputFile::Mode::Append);
     if (!file.isOpen())
         return; // RAM disk full or absent: the point is dropped
@@ -151,11 +170,6 @@ void Steering::chartPoint(std::int32_t offset)
                           t.tm_mday, t.tm_year + 1900, t.tm_hour, t.tm_min, t.tm_sec,
                           static_cast<long>(offset)));
     file.close();
-    if (name != lastChart_) {
-        // A new minute started a new file: keep the RAM disk within bounds.
-        lastChart_ = name;
-        trimCharts(name);
-    }
 }
 
 void Steering::Calculate_offset()

@@ -28,9 +28,14 @@ class Daemon {
     void CreateRAMDisk();
     // Starts the FPGA, supervision and cycle threads, in this order.
     void CreateThreads();
-    // main(): both of the above, then the main thread waits until the daemon
-    // is asked to stop and its threads have ended.
-    void run();
+    // main(): the instance lock, both of the above, then the main thread
+    // feeds systemd's watchdog while the threads progress, until the daemon
+    // is asked to stop and its threads have ended. The process's exit
+    // status: 1 when another instance runs.
+    int run();
+    // Takes the instance lock: false, with a message, when another instance
+    // holds it or it cannot be had.
+    bool lockInstance();
 
     SharedState &shared()
     {
@@ -38,7 +43,10 @@ class Daemon {
     }
 
   private:
+    void superviseUntilStop();
+
     Platform &platform_;
+    UniqueFd instanceLock_;
     SharedState shared_;
     std::unique_ptr<Runner> runner_;
     std::unique_ptr<Gpio> gpio_;

@@ -1,6 +1,7 @@
 #include "daemon/files.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <fcntl.h>
@@ -26,17 +27,49 @@ std::optional<std::string> readFileStart(Platform &platform, const std::string &
     return content;
 }
 
+namespace {
+
+// Opens path for writing without following a symbolic link at its place: a
+// link found there (ELOOP) is removed and the file made anew, exclusively,
+// so that nothing planted between the two steps is written through either.
+int openNoFollow(Platform &platform, const std::string &path, int flags)
+{
+    const int fd = platform.open(path, flags | O_NOFOLLOW);
+    if (fd >= 0 || errno != ELOOP)
+        return fd;
+    platform.removeFile(path);
+    return platform.open(path, (flags & ~O_TRUNC) | O_CREAT | O_EXCL | O_NOFOLLOW);
+}
+
+} // namespace
+
 bool touchFile(Platform &platform, const std::string &path)
 {
-    UniqueFd fd(platform, platform.open(path, O_WRONLY | O_CREAT | O_TRUNC));
+    UniqueFd fd(platform, openNoFollow(platform, path, O_WRONLY | O_CREAT | O_TRUNC));
     return fd.isValid();
 }
 
 OutputFile::OutputFile(Platform &platform, const std::string &path, Mode mode)
-    : platform_(platform),
-      fd_(platform,
-          platform.open(path, O_WRONLY | O_CREAT | (mode == Mode::Append ? O_APPEND : O_TRUNC)))
-{}
+    : platform_(platform), mode_(mode), path_(path)
+{
+    if (mode == Mode::Append) {
+        fd_ = UniqueFd(platform, openNoFollow(platform, path, O_WRONLY | O_CREAT | O_APPEND));
+        return;
+    }
+    // ".name.new" beside the file: on the same file system, so the rename is
+    // atomic, and named unlike every file a reader looks for. One left by a
+    // daemon that was killed while writing, or planted, is removed first.
+    const std::size_t slash = path.rfind('/');
+    const std::size_t nameAt = slash == std::string::npos ? 0 : slash + 1;
+    temporary_ = path.substr(0, nameAt) + "." + path.substr(nameAt) + ".new";
+    constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW;
+    int fd = platform.open(temporary_, kFlags);
+    if (fd < 0 && errno == EEXIST) {
+        platform.removeFile(temporary_);
+        fd = platform.open(temporary_, kFlags);
+    }
+    fd_ = UniqueFd(platform, fd);
+}
 
 OutputFile::~OutputFile()
 {
@@ -47,18 +80,32 @@ bool OutputFile::close()
 {
     if (!fd_.isValid())
         return false;
-    std::string_view rest = pending_;
     bool complete = true;
-    while (!rest.empty()) {
-        const long done = platform_.write(fd_.get(), rest);
-        if (done <= 0) {
-            complete = false; // a full RAM disk: what did not fit is lost
-            break;
+    if (mode_ == Mode::Append) {
+        // One write: a full RAM disk takes the line whole or not at all as
+        // far as the file system allows, and a second call would put the
+        // rest of the line after another writer's.
+        const long done = pending_.empty() ? 0 : platform_.write(fd_.get(), pending_);
+        complete = done == static_cast<long>(pending_.size());
+    } else {
+        std::string_view rest = pending_;
+        while (!rest.empty()) {
+            const long done = platform_.write(fd_.get(), rest);
+            if (done <= 0) {
+                complete = false; // a full RAM disk: the old file stays
+                break;
+            }
+            rest.remove_prefix(static_cast<std::size_t>(done));
         }
-        rest.remove_prefix(static_cast<std::size_t>(done));
     }
     pending_.clear();
     fd_.reset();
+    if (mode_ == Mode::Replace) {
+        if (complete)
+            complete = platform_.renameFile(temporary_, path_);
+        if (!complete)
+            platform_.removeFile(temporary_);
+    }
     return complete;
 }
 

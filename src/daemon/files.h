@@ -15,14 +15,22 @@ std::optional<std::string> readFileStart(Platform &platform, const std::string &
                                          std::size_t maxBytes);
 
 // Creates the file empty, or empties it ("w" and close); false when it
-// cannot be opened.
+// cannot be opened. A symbolic link in its place is replaced by the file,
+// never followed: the directories the daemon writes may be writable by others
+// (/ftpdir), and the daemon runs as root.
 bool touchFile(Platform &platform, const std::string &path);
 
-// A file opened for writing, truncated ("w") or appended to ("a"). What is
-// written is kept and goes to the file in one write when it is closed.
+// A file the daemon writes, never through a symbolic link. What is written is
+// kept and goes out when the file is closed:
+// - Replace: the whole new content into a temporary file beside it, renamed
+//   over the old one once all of it is written; a reader sees the old file or
+//   the new one, never a part, and a write that fails (a full RAM disk)
+//   leaves the old file as it was;
+// - Append: added at the end in one write, so that a reader never sees half
+//   a line and two writers never interleave.
 class OutputFile {
   public:
-    enum class Mode { Truncate, Append };
+    enum class Mode { Replace, Append };
     OutputFile(Platform &platform, const std::string &path, Mode mode);
     ~OutputFile();
     OutputFile(const OutputFile &) = delete;
@@ -36,11 +44,15 @@ class OutputFile {
     {
         pending_.append(text);
     }
-    // Writes what was written and closes; false when not all of it went out.
+    // Writes what was written and closes; false when not all of it went out
+    // (a Replace file then keeps its old content).
     bool close();
 
   private:
     Platform &platform_;
+    Mode mode_;
+    std::string path_;
+    std::string temporary_; // Replace: the file written before the rename
     UniqueFd fd_;
     std::string pending_;
 };

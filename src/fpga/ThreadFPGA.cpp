@@ -48,6 +48,7 @@ void FpgaThread::BurnFPGA()
         runner_.run("./wrFPGA --file Version_1.rbf", PipeMode::Read); // goes on if it cannot start
     while (cfgOk != 1 && !platform_.stopRequested()) {
         cfgOk = attempt() ? 1 : 0;
+        progress_.fetch_add(1, std::memory_order_relaxed);
         if (cfgOk == 1)
             return;
         platform_.sleepSeconds(1);
@@ -64,6 +65,7 @@ void FpgaThread::ThreadSrvFPGA()
     InitFPGA();
     while (!platform_.stopRequested()) {
         SrvFPGA();
+        progress_.fetch_add(1, std::memory_order_relaxed);
         platform_.sleepSeconds(2);
     }
 }

@@ -3,6 +3,8 @@
 // tool's answer line reads "AA AA A5"; afterwards it has nothing to do.
 #pragma once
 
+#include <atomic>
+#include <chrono>
 #include <cstdint>
 
 namespace zarvent {
@@ -36,6 +38,15 @@ class FpgaThread {
     {
         return cfgOk == 1;
     }
+    // Loop iterations so far, for the watchdog: it stops feeding systemd's
+    // watchdog when this stays still for longer than kProgressBound.
+    std::uint64_t progress() const
+    {
+        return progress_.load(std::memory_order_relaxed);
+    }
+    // The longest one iteration may take: the loader at its deadline
+    // (120 s), then a readiness check (two register commands, 2 s each).
+    static constexpr std::chrono::seconds kProgressBound{150};
 
   private:
     bool attempt();
@@ -45,6 +56,7 @@ class FpgaThread {
     Gpio &gpio_;
     Registers &registers_;
     std::int32_t cfgOk = 0;
+    std::atomic<std::uint64_t> progress_{0};
 };
 
 } // namespace zarvent

@@ -26,7 +26,8 @@ bool Registers::write(int reg, unsigned value, PipeMode mode)
 {
     return runner_.run("./spiWrite -m 1 -l 3 -d 1 " + std::to_string(reg) + " " +
                            std::to_string(value) + " 0",
-                       mode);
+                       mode)
+        .has_value();
 }
 
 std::optional<unsigned> Registers::modifyRegister2(unsigned set, unsigned clear, PipeMode mode)

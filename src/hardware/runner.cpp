@@ -7,6 +7,43 @@
 
 namespace zarvent {
 
+std::string_view commandProgram(std::string_view line)
+{
+    const std::string_view first = line.substr(0, line.find_first_of(" \t\n;|&"));
+    const std::size_t slash = first.rfind('/');
+    return slash == std::string_view::npos ? first : first.substr(slash + 1);
+}
+
+Deadline commandDeadline(std::string_view program)
+{
+    using namespace std::chrono_literals;
+    // The register tool makes one SPI transfer of a few bytes and prints five
+    // lines: milliseconds on the board even when it is busy. Two seconds is
+    // far beyond a working transfer, and a cycle that waited longer would
+    // have missed its second anyway. ntptime is one system call and a print.
+    if (program == "spiWrite" || program == "ntptime")
+        return 2s;
+    // ntpq gives up on a silent ntpd by itself after its own time-out (5 s)
+    // and says so; the deadline catches only an ntpq that hangs beyond that.
+    if (program == "ntpq")
+        return 8s;
+    // The loader pushes the whole bitstream over SPI and waits for the FPGA
+    // to report it configured: seconds on a working board. Two minutes is
+    // far beyond a working load and still lets the board come up.
+    if (program == "wrFPGA")
+        return 120s;
+    // mkfs of the 8 MiB RAM disk takes well under a second; the time beyond
+    // bounds a block device that does not answer. mount likewise.
+    if (program == "mkfs")
+        return 30s;
+    if (program == "mount" || program == "mversion")
+        return 10s;
+    // The shell utilities (echo into sysfs, rm, touch, tail, cp, mkdir, df,
+    // adjtimex, ifconfig, the console started in the background) return in
+    // milliseconds; df can hang on a dead mount, echo on a wedged driver.
+    return 5s;
+}
+
 namespace {
 
 // Output read and dropped before a command is closed. A tool that never stops
@@ -51,17 +88,27 @@ class Pipe {
         return next_ < size_ || refill();
     }
 
+    // Drains the rest of the output, waits for the command and returns its
+    // wait status; -1 when it was killed at its deadline.
     int close()
     {
         if (!command_)
-            return -1;
+            return status_;
         std::size_t drained = 0;
         while (drained < kDrainLimit && refill())
             drained += size_;
         next_ = size_;
-        const int status = command_->wait();
+        status_ = command_->wait();
+        timedOut_ = command_->timedOut();
+        if (timedOut_)
+            status_ = -1;
         command_.reset();
-        return status;
+        return status_;
+    }
+
+    bool timedOut() const
+    {
+        return timedOut_;
     }
 
   private:
@@ -79,42 +126,106 @@ class Pipe {
     std::array<char, 4096> chunk_{};
     std::size_t size_ = 0; // bytes of chunk_ the last read filled
     std::size_t next_ = 0;
+    int status_ = -1;
+    bool timedOut_ = false;
 };
 
 } // namespace
 
-bool Runner::run(const std::string &line, PipeMode mode)
+std::optional<int> Runner::run(const std::string &line, PipeMode mode)
 {
-    auto command = platform_.startCommand(line, mode);
-    if (!command)
-        return false;
-    Pipe(std::move(command)).close();
-    return true;
+    auto command = platform_.startCommand(line, mode, commandDeadline(commandProgram(line)));
+    if (!command) {
+        account(line, -1, false);
+        return std::nullopt;
+    }
+    Pipe pipe(std::move(command));
+    const int status = pipe.close();
+    account(line, status, pipe.timedOut());
+    if (pipe.timedOut())
+        return std::nullopt;
+    return status;
 }
 
 CommandLines Runner::readLines(const std::string &line, int calls, std::size_t bufferSize)
 {
     CommandLines result;
-    auto command = platform_.startCommand(line, PipeMode::Read);
-    if (!command)
+    auto command =
+        platform_.startCommand(line, PipeMode::Read, commandDeadline(commandProgram(line)));
+    if (!command) {
+        account(line, -1, false);
         return result;
-    result.started = true;
+    }
     Pipe pipe(std::move(command));
     for (int i = 0; i < calls && pipe.readLine(result.last, bufferSize); ++i)
         ++result.count;
-    pipe.close();
+    const int status = pipe.close();
+    account(line, status, pipe.timedOut());
+    // What a command printed before it was killed may be half a line of a
+    // register's value: none of it is used.
+    if (pipe.timedOut())
+        return CommandLines{};
+    result.started = true;
     return result;
 }
 
 bool Runner::hasOutput(const std::string &line)
 {
-    auto command = platform_.startCommand(line, PipeMode::Read);
-    if (!command)
+    auto command =
+        platform_.startCommand(line, PipeMode::Read, commandDeadline(commandProgram(line)));
+    if (!command) {
+        account(line, -1, false);
         return false; // a query that cannot be started finds nothing
+    }
     Pipe pipe(std::move(command));
     const bool printed = pipe.anyOutput();
-    pipe.close();
-    return printed;
+    const int status = pipe.close();
+    account(line, status, pipe.timedOut());
+    return printed && !pipe.timedOut();
+}
+
+std::map<std::string, ToolCounts, std::less<>> Runner::toolCounts() const
+{
+    std::map<std::string, ToolCounts, std::less<>> counts;
+    const MutexLocker lock(mutex_);
+    for (const auto &[program, record] : tools_)
+        counts.emplace(program, record.counts);
+    return counts;
+}
+
+void Runner::account(const std::string &line, int status, bool timedOut)
+{
+    const std::string_view program = commandProgram(line);
+    std::string message;
+    {
+        const MutexLocker lock(mutex_);
+        auto found = tools_.find(program);
+        if (found == tools_.end())
+            found = tools_.emplace(std::string(program), ToolRecord{}).first;
+        ToolRecord &record = found->second;
+        ++record.counts.run;
+        if (timedOut) {
+            ++record.counts.timedOut;
+            // The journal hears of a hanging tool once, with the command
+            // line that hung, not once per second while it goes on hanging.
+            if (record.episodeTimeouts++ == 0)
+                message = "zarvent: " + std::string(program) + " did not finish within " +
+                          std::to_string(std::chrono::duration_cast<std::chrono::seconds>(
+                                             commandDeadline(program))
+                                             .count()) +
+                          " s, its process group killed: " + line + "\n";
+        } else {
+            if (status != 0)
+                ++record.counts.failed;
+            if (status != -1 && record.episodeTimeouts != 0) {
+                message = "zarvent: " + std::string(program) + " finishes in time again (" +
+                          std::to_string(record.episodeTimeouts) + " commands timed out)\n";
+                record.episodeTimeouts = 0;
+            }
+        }
+    }
+    if (!message.empty())
+        platform_.writeError(message);
 }
 
 } // namespace zarvent

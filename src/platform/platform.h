@@ -11,6 +11,7 @@
 // errno, as the system calls they stand for do.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
@@ -31,16 +32,26 @@ namespace zarvent {
 // its standard input (never written to) and leaves its output on ours.
 enum class PipeMode { Read, Write };
 
-// A started command line (the child of popen).
+// How long a command may take, from its start to its end.
+using Deadline = std::chrono::milliseconds;
+
+// A started command line (the child of popen), in a process group of its own.
 class Command {
   public:
     virtual ~Command() = default;
     // Reads up to into.size() bytes of the command's output (PipeMode::Read):
-    // the count read, 0 at the end of the output, -1 on an error.
+    // the count read; 0 at the end of the output, which is also when the
+    // command itself has ended and left nothing more in the pipe (a
+    // background child that still holds the pipe does not count); -1 on an
+    // error or once the deadline has passed.
     virtual long read(std::span<char> into) = 0;
     // Closes the daemon's end of the pipe, waits for the command to end and
-    // returns its wait status (-1 when it cannot be had).
+    // returns its wait status (-1 when it cannot be had). At the deadline
+    // the command's whole process group is killed and reaped.
     virtual int wait() = 0;
+    // True once the deadline passed before the command ended: its group was
+    // killed and what it printed is not to be used.
+    virtual bool timedOut() const = 0;
 };
 
 struct FileSystemUsage {
@@ -50,13 +61,21 @@ struct FileSystemUsage {
     std::uint64_t freeInodes = 0;
 };
 
+// After a stop request, the longest a command still runs: long enough for a
+// tool that was about to finish, short enough that a stop under systemd or
+// SysV never has to fall back on SIGKILL.
+constexpr Deadline kStopGrace{5000};
+
 class Platform {
   public:
     virtual ~Platform() = default;
 
     // ---- commands
-    // Starts the command line in a shell; nullptr when it cannot be started.
-    virtual std::unique_ptr<Command> startCommand(const std::string &line, PipeMode mode) = 0;
+    // Starts the command line in a shell, in a process group of its own,
+    // with deadline from now; nullptr when it cannot be started. After a
+    // stop request no command outlasts the request by more than kStopGrace.
+    virtual std::unique_ptr<Command> startCommand(const std::string &line, PipeMode mode,
+                                                  Deadline deadline) = 0;
 
     // ---- descriptors (open(2) flags; O_CREAT makes the file with mode 0666;
     // every descriptor is close-on-exec)
@@ -76,10 +95,18 @@ class Platform {
     virtual bool renameFile(const std::string &from, const std::string &to) = 0;
     virtual std::optional<std::int64_t> fileSize(const std::string &path) = 0;
     virtual std::optional<FileSystemUsage> fileSystemUsage(const std::string &path) = 0;
+    // The device a path lies on (stat's st_dev): a mount point lies on
+    // another device than its parent.
+    virtual std::optional<std::uint64_t> deviceOf(const std::string &path) = 0;
+    // An exclusive lock on an open file, not waited for (flock LOCK_EX |
+    // LOCK_NB): 0, or -1 with EWOULDBLOCK when another process holds it.
+    virtual int tryLockFile(int fd) = 0;
 
     // ---- clock
     // The realtime clock at full resolution, in nanoseconds since 1970.
     virtual std::int64_t realtimeNs() = 0;
+    // A clock that never steps, for measuring how long things take.
+    virtual std::int64_t monotonicNs() = 0;
     // Broken-down local time of a Unix second in the zone in force now.
     virtual std::optional<std::tm> localTime(std::int64_t unixSeconds) = 0;
     virtual void sleepSeconds(unsigned seconds) = 0;
@@ -92,15 +119,23 @@ class Platform {
     // board). Every loop of the daemon's threads looks at it.
     virtual bool stopRequested() = 0;
     // Blocks the calling thread without using the processor until the daemon
-    // is asked to stop, then until every thread started by startThread has
-    // ended.
-    virtual void waitForStop() = 0;
+    // is asked to stop (true) or timeout has passed (false).
+    virtual bool waitForStopRequest(Deadline timeout) = 0;
+    // Blocks until every thread started by startThread has ended.
+    virtual void joinThreads() = 0;
     // Takes a mutex that its holder keeps across other calls of this
     // interface (the read-modify-write of FPGA register 2 runs two commands).
     virtual void lock(Mutex &mutex) ACQUIRE(mutex) = 0;
 
     // ---- the process
     virtual void writeError(std::string_view text) = 0;
+    // The service manager's notification socket (systemd's NOTIFY_SOCKET):
+    // sends one state ("READY=1", "WATCHDOG=1", ...); nothing without one.
+    virtual void notifyServiceManager(std::string_view state) = 0;
+    // How often the service manager wants "WATCHDOG=1" at the latest
+    // (systemd's WATCHDOG_USEC); nothing when it watches no watchdog.
+    virtual std::optional<std::chrono::microseconds> watchdogInterval() = 0;
+    virtual int processId() = 0;
     // Ends the whole daemon at once (abort).
     [[noreturn]] virtual void abortProcess() = 0;
 };

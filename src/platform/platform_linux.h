@@ -2,6 +2,7 @@
 #pragma once
 
 #include <signal.h>
+#include <sys/types.h>
 
 #include <atomic>
 #include <mutex>
@@ -22,7 +23,8 @@ class LinuxPlatform final : public Platform {
     LinuxPlatform(const LinuxPlatform &) = delete;
     LinuxPlatform &operator=(const LinuxPlatform &) = delete;
 
-    std::unique_ptr<Command> startCommand(const std::string &line, PipeMode mode) override;
+    std::unique_ptr<Command> startCommand(const std::string &line, PipeMode mode,
+                                          Deadline deadline) override;
     int open(const std::string &path, int flags) override;
     long read(int fd, std::span<char> into) override;
     long readAt(int fd, std::span<char> into, std::int64_t offset) override;
@@ -35,20 +37,43 @@ class LinuxPlatform final : public Platform {
     bool renameFile(const std::string &from, const std::string &to) override;
     std::optional<std::int64_t> fileSize(const std::string &path) override;
     std::optional<FileSystemUsage> fileSystemUsage(const std::string &path) override;
+    std::optional<std::uint64_t> deviceOf(const std::string &path) override;
+    int tryLockFile(int fd) override;
     std::int64_t realtimeNs() override;
+    std::int64_t monotonicNs() override;
     std::optional<std::tm> localTime(std::int64_t unixSeconds) override;
     void sleepSeconds(unsigned seconds) override;
     void sleepMicroseconds(unsigned microseconds) override;
     void startThread(std::function<void()> entry) override;
     bool stopRequested() override;
-    void waitForStop() override;
+    bool waitForStopRequest(Deadline timeout) override;
+    void joinThreads() override;
     void lock(Mutex &mutex) override ACQUIRE(mutex);
     void writeError(std::string_view text) override;
+    void notifyServiceManager(std::string_view state) override;
+    std::optional<std::chrono::microseconds> watchdogInterval() override;
+    int processId() override;
     [[noreturn]] void abortProcess() override;
 
+    // When the stop was requested (monotonic), 0 before: commands then get
+    // kStopGrace at most.
+    std::int64_t stopAtNs() const
+    {
+        return stopAtNs_.load();
+    }
+    // A killed command that could not be reaped yet: reaped at a later start.
+    void adoptUnreaped(pid_t pid);
+
   private:
+    void reapAdopted();
+
     sigset_t stopSignals_;
     std::atomic<bool> stop_{false};
+    std::atomic<std::int64_t> stopAtNs_{0};
+    std::string notifySocket_;
+    std::optional<std::chrono::microseconds> watchdog_;
+    std::mutex unreapedMutex_;
+    std::vector<pid_t> unreaped_;
     std::mutex threadsMutex_;
     std::vector<std::thread> threads_;
 };

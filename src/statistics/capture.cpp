@@ -122,7 +122,7 @@ void StatCapture::Stat_capture()
     // The stat file is opened only now, after a good exchange: a device that
     // fails ends the daemon with the previous file whole. One that cannot be
     // opened loses this exchange, and the lock goes as after any other.
-    OutputFile stat(platform_, kStatFile, OutputFile::Mode::Truncate);
+    OutputFile stat(platform_, kStatFile, OutputFile::Mode::Replace);
     if (stat.isOpen())
         stat.write(statTables(rx_.data(), dataLen));
     device.reset();

@@ -85,7 +85,7 @@ void StatusPage::FileWrite()
     // page: the page has its own failure path.
     touchFile(platform_, kLock);
 
-    OutputFile page(platform_, kPage, OutputFile::Mode::Truncate);
+    OutputFile page(platform_, kPage, OutputFile::Mode::Replace);
     if (!page.isOpen()) {
         const int error = errno;
         platform_.writeError(std::string("Cannot open file\n: ") + std::strerror(error) + "\n");

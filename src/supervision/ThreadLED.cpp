@@ -112,6 +112,7 @@ void SupervisionThread::pass()
     while (gpio_.readLevel("79") == 0 && !platform_.stopRequested()) {
         for (int line : {72, 73, 74, 75, 76, 77, 70, 71})
             gpio_.echoLevel(line, 1);
+        progress_.fetch_add(1, std::memory_order_relaxed);
     }
 }
 
@@ -121,6 +122,7 @@ void SupervisionThread::ThreadSrvLED()
     runner_.run("adjtimex -t 10082", PipeMode::Read);
     while (!platform_.stopRequested()) {
         pass();
+        progress_.fetch_add(1, std::memory_order_relaxed);
         platform_.sleepSeconds(3);
     }
 }

@@ -5,6 +5,8 @@
 // the commands' run time.
 #pragma once
 
+#include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -59,6 +61,17 @@ class SupervisionThread {
     {
         return *antenna_;
     }
+    // Loop iterations so far, for the watchdog: it stops feeding systemd's
+    // watchdog when this stays still for longer than kProgressBound.
+    std::uint64_t progress() const
+    {
+        return progress_.load(std::memory_order_relaxed);
+    }
+    // The longest one pass may take with every command at its deadline: two
+    // or three ntpq queries (8 s), up to eight indicator echoes and the cp and
+    // ifconfig of a factory reset (5 s), the register-2 update and the alarm's
+    // ntptime (2 s each), and the pass's sleep.
+    static constexpr std::chrono::seconds kProgressBound{120};
 
   private:
     bool referenceStep();
@@ -72,6 +85,7 @@ class SupervisionThread {
     std::unique_ptr<AlarmLogic> alarm_;
     std::unique_ptr<AntennaMonitor> antenna_;
     std::unique_ptr<FactoryDefault> factory_;
+    std::atomic<std::uint64_t> progress_{0};
 };
 
 } // namespace zarvent

@@ -33,7 +33,7 @@ std::int32_t Parse_File(Platform &platform, Runner &runner)
     if (!list)
         return -1;
     {
-        OutputFile temp(platform, "temp", OutputFile::Mode::Truncate);
+        OutputFile temp(platform, "temp", OutputFile::Mode::Replace);
         if (!temp.isOpen())
             return -1;
         // Exactly 238 line reads: after the end of the list a read leaves the

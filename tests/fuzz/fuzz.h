@@ -89,7 +89,7 @@ class FakePlatform final : public Platform {
     {
         return fds_.size();
     }
-    std::unique_ptr<Command> startCommand(const std::string &line, PipeMode) override
+    std::unique_ptr<Command> startCommand(const std::string &line, PipeMode, Deadline) override
     {
         auto output = commands(line);
         if (!output)
@@ -101,7 +101,9 @@ class FakePlatform final : public Platform {
     {
         if (!files.contains(path) && (flags & O_CREAT) == 0)
             return -1;
-        if ((flags & O_TRUNC) != 0)
+        if (files.contains(path) && (flags & O_EXCL) != 0)
+            return -1;
+        if ((flags & O_TRUNC) != 0 || !files.contains(path))
             files[path].clear();
         fds_[++lastFd_] = {path, 0};
         return lastFd_;
@@ -136,7 +138,14 @@ class FakePlatform final : public Platform {
     long writeAt(int, std::span<const char>, std::int64_t) override { return -1; }
     int ioctl(int, unsigned long, void *) override { return -1; }
     std::vector<std::string> listDirectory(const std::string &) override { return {}; }
-    bool renameFile(const std::string &, const std::string &) override { return false; }
+    bool renameFile(const std::string &from, const std::string &to) override
+    {
+        auto node = files.extract(from);
+        if (node.empty()) return false;
+        node.key() = to;
+        files.insert_or_assign(to, std::move(node.mapped()));
+        return true;
+    }
     std::optional<std::int64_t> fileSize(const std::string &) override { return {}; }
     std::optional<FileSystemUsage> fileSystemUsage(const std::string &) override { return {}; }
     std::int64_t realtimeNs() override { return 0; }
@@ -145,7 +154,14 @@ class FakePlatform final : public Platform {
     void sleepMicroseconds(unsigned) override {}
     void startThread(std::function<void()>) override { __builtin_trap(); }
     bool stopRequested() override { return false; }
-    void waitForStop() override { __builtin_trap(); }
+    bool waitForStopRequest(Deadline) override { __builtin_trap(); }
+    void joinThreads() override { __builtin_trap(); }
+    std::optional<std::uint64_t> deviceOf(const std::string &) override { return {}; }
+    int tryLockFile(int) override { return -1; }
+    std::int64_t monotonicNs() override { return 0; }
+    void notifyServiceManager(std::string_view) override {}
+    std::optional<std::chrono::microseconds> watchdogInterval() override { return {}; }
+    int processId() override { return 1; }
     void writeError(std::string_view) override {}
     [[noreturn]] void abortProcess() override { __builtin_trap(); }
     // clang-format on
@@ -169,6 +185,10 @@ class FakePlatform final : public Platform {
             ++platform_.waited;
             platform_.unreadAtWait += text_.size() - at_;
             return 0;
+        }
+        bool timedOut() const override
+        {
+            return false;
         }
 
       private:
