@@ -140,25 +140,38 @@ TEST(Threads, StopEndsEveryThreadAndClosesAll)
     EXPECT_EQ(board.openDescriptors(), 0);
 }
 
-TEST(Threads, SlotIsReadWhole)
+// systemd hears READY once the daemon is up, WATCHDOG while every thread
+// progresses, nothing while the cycle thread is held in a sysfs read beyond
+// its bound, WATCHDOG again once it goes on, and STOPPING at the stop.
+TEST(Threads, WatchdogIsFedOnlyWhileEveryThreadProgresses)
 {
-    SharedState shared;
-    const std::string first = std::string("Nov 16 2026 13:27:00.004") + '\0';
-    const std::string second = std::string("Dec 31 2026 23:59:59.999") + '\0';
-    shared.put(co::kEvent, first);
-    std::atomic<bool> done{false};
-    std::thread writer([&] {
-        for (int i = 0; i < 20000; ++i)
-            shared.put(co::kEvent, i % 2 ? first : second);
-        done = true;
+    sim::VirtualBoard board(kStart);
+    board.boardTree();
+    sim::BoardModel model(board, {});
+    board.setWatchdogInterval(std::chrono::seconds(20));
+    sim::Scheduler scheduler(board, 0);
+    Daemon daemon(board);
+    board.startThread([&] {
+        board.sleepSeconds(100);
+        board.holdNextRead(19, 200'000'000);
+        board.sleepSeconds(300);
+        board.requestStop();
     });
-    int mixed = 0;
-    while (!done) {
-        const DateTimeSlot slot = shared.dateTime(co::kEvent);
-        mixed += (slot.date == "Nov 16 2026") != (slot.time == "13:27:00");
+    EXPECT_EQ(daemon.run(), 0);
+    const auto sent = board.notifications();
+    ASSERT_GT(sent.size(), 2u);
+    EXPECT_EQ(sent.front().second, "READY=1");
+    EXPECT_EQ(sent.back().second, "STOPPING=1");
+    std::vector<std::int64_t> longGaps;
+    for (std::size_t i = 1; i + 1 < sent.size(); ++i) {
+        EXPECT_EQ(sent[i].second, "WATCHDOG=1");
+        if (sent[i].first - sent[i - 1].first > 10'000'000)
+            longGaps.push_back(sent[i].first - sent[i - 1].first);
     }
-    writer.join();
-    EXPECT_EQ(mixed, 0);
+    ASSERT_EQ(longGaps.size(), 1u);
+    EXPECT_GT(longGaps[0], 100'000'000);
+    EXPECT_LT(longGaps[0], 130'000'000);
+    EXPECT_NE(board.errorOutput().find("the cycle thread has made no progress"), std::string::npos);
 }
 
 } // namespace

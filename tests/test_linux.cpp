@@ -2,7 +2,15 @@
 // sleep, touch, ls, yes) and files in a temporary directory.
 #include <gtest/gtest.h>
 
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <array>
 #include <atomic>
+#include <chrono>
+#include <cstring>
+#include <fstream>
+#include <optional>
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
@@ -26,6 +34,14 @@ class LinuxTest : public ::testing::Test {
     ~LinuxTest() override
     {
         std::filesystem::remove_all(dir_);
+    }
+
+    static std::optional<std::string> readText(const std::filesystem::path &path)
+    {
+        std::ifstream in(path);
+        if (!in)
+            return std::nullopt;
+        return std::string(std::istreambuf_iterator<char>(in), {});
     }
 
     LinuxPlatform platform;
@@ -73,6 +89,65 @@ TEST_F(LinuxTest, ToolThatPrintsWhileItWorksRunsToItsEnd)
     EXPECT_TRUE(std::filesystem::exists(after));
     // One that never stops printing does not hold the daemon.
     EXPECT_TRUE(runner.run("yes", PipeMode::Read));
+}
+
+// A command that never ends is killed at its deadline with everything it
+// started, and what it printed is not used; one that leaves a background
+// child holding the pipe (the serial console) is done when it ends. Tools
+// start with SIGPIPE as usual, though the daemon ignores it.
+TEST_F(LinuxTest, DeadlinesAndBackgroundChildren)
+{
+    using Clock = std::chrono::steady_clock;
+    const auto child = dir_ / "child";
+    const auto started = Clock::now();
+    auto hung = platform.startCommand("sleep 30 & echo $! > " + child.string() + "; echo 1; sleep 30",
+                                      PipeMode::Read, std::chrono::milliseconds(300));
+    ASSERT_TRUE(hung);
+    std::array<char, 16> buffer{};
+    while (hung->read(buffer) > 0) {
+    }
+    EXPECT_EQ(hung->wait(), -1);
+    EXPECT_TRUE(hung->timedOut());
+    EXPECT_LT(Clock::now() - started, std::chrono::seconds(3));
+    const std::string stat = "/proc/" + std::to_string(std::stoi(*readText(child))) + "/stat";
+    for (int i = 0; i < 100 && std::filesystem::exists(stat) &&
+                    readText(stat)->find(") Z ") == std::string::npos;
+         ++i)
+        ::usleep(10000);
+    EXPECT_TRUE(!std::filesystem::exists(stat) || readText(stat)->find(") Z ") != std::string::npos)
+        << "the background child outlived its group's deadline";
+
+    const auto before = Clock::now();
+    const CommandLines console = runner.readLines("echo ready; sleep 3 &", 2);
+    EXPECT_LT(Clock::now() - before, std::chrono::seconds(2));
+    EXPECT_TRUE(console.started);
+    EXPECT_EQ(console.last, "ready\n");
+    EXPECT_FALSE(runner.hasOutput("kill -PIPE $$; echo survived"));
+}
+
+// systemd's notification socket: what the daemon sends arrives whole, and the
+// tools it starts no longer see the socket or the watchdog.
+TEST_F(LinuxTest, NotificationsReachTheSocket)
+{
+    const std::string path = (dir_ / "notify").string();
+    UniqueFd socket(platform, ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    ASSERT_EQ(::bind(socket.get(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+    ::setenv("NOTIFY_SOCKET", path.c_str(), 1);
+    ::setenv("WATCHDOG_USEC", "20000000", 1);
+    LinuxPlatform managed;
+    EXPECT_EQ(managed.watchdogInterval(), std::chrono::microseconds(20000000));
+    EXPECT_EQ(std::getenv("NOTIFY_SOCKET"), nullptr);
+    EXPECT_EQ(std::getenv("WATCHDOG_USEC"), nullptr);
+    managed.notifyServiceManager("READY=1");
+    managed.notifyServiceManager("WATCHDOG=1");
+    for (const char *expected : {"READY=1", "WATCHDOG=1"}) {
+        std::array<char, 64> got{};
+        const ssize_t n = ::recv(socket.get(), got.data(), got.size(), MSG_DONTWAIT);
+        EXPECT_EQ(std::string(got.data(), n > 0 ? static_cast<std::size_t>(n) : 0), expected);
+    }
 }
 
 TEST_F(LinuxTest, CommandsInheritNoDescriptor)

@@ -409,9 +409,10 @@ std::optional<std::tm> LinuxPlatform::localTime(std::int64_t unixSeconds)
 
 void LinuxPlatform::sleepSeconds(unsigned seconds)
 {
-    timespec left{static_cast<std::time_t>(seconds), 0};
-    while (::nanosleep(&left, &left) != 0 && errno == EINTR) {
-    }
+    // The loops' pauses of seconds end early at a stop request, so that a
+    // stop takes the time of the commands under way, not of a pause.
+    std::unique_lock lock(stopMutex_);
+    stopWake_.wait_for(lock, std::chrono::seconds(seconds), [this] { return stop_.load(); });
 }
 
 void LinuxPlatform::sleepMicroseconds(unsigned microseconds)
@@ -450,7 +451,11 @@ bool LinuxPlatform::waitForStopRequest(Deadline timeout)
     if (::sigtimedwait(&stopSignals_, nullptr, &wait) < 0)
         return false; // the time passed, or another signal woke us
     stopAtNs_.store(monotonicNow());
-    stop_.store(true);
+    {
+        const std::lock_guard lock(stopMutex_);
+        stop_.store(true);
+    }
+    stopWake_.notify_all();
     return true;
 }
 

@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -69,6 +70,8 @@ class LinuxPlatform final : public Platform {
 
     sigset_t stopSignals_;
     std::atomic<bool> stop_{false};
+    std::mutex stopMutex_; // with stopWake_: the pauses that end at a stop
+    std::condition_variable stopWake_;
     std::atomic<std::int64_t> stopAtNs_{0};
     std::string notifySocket_;
     std::optional<std::chrono::microseconds> watchdog_;

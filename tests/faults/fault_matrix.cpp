@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "board_model.h"
+#include "cycle/steering.h"
 #include "scenario.h"
 #include "text.h"
 
@@ -57,6 +58,8 @@ struct Fault {
     // A check of what the board and the web interface saw during the fault;
     // the reason when it fails.
     std::function<std::string(const Seen &)> expect;
+    // A check of the board at the run's last second; the reason when it fails.
+    std::function<std::string(VirtualBoard &)> finally;
     std::string start = "2026-11-16T13:27:00";
 };
 
@@ -78,6 +81,8 @@ struct Seen {
     int unreadWrites = 0;
     std::vector<std::string> strayFiles;
     std::string page; // the status page at the end
+    std::string errors;  // the daemon's standard error
+    std::string finally; // what the fault's final check found
 };
 
 const char *const kBase = "seed 3\n"
@@ -144,6 +149,9 @@ Seen runFault(const Fault &fault, std::string &error)
         page = now;
         if (faultOn && fault.each)
             fault.each(view.board, view.model, t);
+        if (t == fault.end - 1 && fault.finally)
+            seen.finally = fault.finally(view.board);
+        seen.errors = view.board.errorOutput();
         // Keep the memory of the long runs flat.
         if (commandsSeen > 200000) {
             view.model.dropHistory();
@@ -154,7 +162,7 @@ Seen runFault(const Fault &fault, std::string &error)
         for (const std::string &path : view.board.writtenPaths())
             if (!path.starts_with("/ramcache/zarvent/") && !path.starts_with("/ftpdir/") &&
                 !path.starts_with("/sys/class/gpio/") && path != "/dev/spidev1.0" &&
-                path != "/usr/bin/Zarvent/temp")
+                path != "/usr/bin/Zarvent/temp" && path != "/usr/bin/Zarvent/.temp.new")
                 seen.strayFiles.push_back(path);
     };
     const RunResult result = runScenario(options);
@@ -209,6 +217,7 @@ std::vector<Fault> faults(std::int64_t flapSeconds)
         {"garbage", ToolFault::Garbage},          {"error message", ToolFault::Error},
         {"overlong line", ToolFault::Overlong},   {"binary junk", ToolFault::Binary},
         {"exit status 1", ToolFault::ExitStatus}, {"slow (3 s a call)", ToolFault::Slow},
+        {"never exits", ToolFault::Hang},
     };
     for (const auto &program : programs) {
         const std::string &name = program.first;
@@ -225,6 +234,55 @@ std::vector<Fault> faults(std::int64_t flapSeconds)
                  }});
         }
     }
+    // Hanging commands in particular places: the register-2 read inside its
+    // read-modify-write (under its lock), ntpq in supervision, the loader.
+    // Standard error names each hanging program once, and once when it
+    // finishes in time again.
+    const auto namedOnce = [](std::string program) {
+        return [program](const Seen &s) -> std::string {
+            const auto count = [&](const std::string &text) {
+                std::size_t n = 0;
+                for (std::size_t at = s.errors.find(text); at != std::string::npos;
+                     at = s.errors.find(text, at + 1))
+                    ++n;
+                return n;
+            };
+            if (count("zarvent: " + program + " did not finish within") != 1 ||
+                count("zarvent: " + program + " finishes in time again") != 1)
+                return "standard error: " + s.errors;
+            return {};
+        };
+    };
+    struct Place {
+        std::string name;
+        std::vector<std::string> lines;
+        std::string program;
+    };
+    for (const Place &place :
+         {Place{"spiWrite reading register 2 (read-modify-write)",
+                {"./spiWrite -m 0 -l 3 -d 1 2 0"},
+                "spiWrite"},
+          Place{"ntpq -p in supervision", {"ntpq -p | grep '*G'", "ntpq -p | grep 'oG'"}, "ntpq"}}) {
+        const std::vector<std::string> lines = place.lines;
+        Fault f{place.name + ": never exits", [lines](VirtualBoard &b, BoardModel &, bool on) {
+                    tool(b, lines, ToolFault::Hang, on);
+                }};
+        f.expect = namedOnce(place.program);
+        list.push_back(f);
+    }
+    for (const std::string program : {"spiWrite", "ntpq", "ntptime"})
+        for (Fault &f : list)
+            if (f.name == program + ": never exits")
+                f.expect = namedOnce(program);
+    {
+        Fault loader{"wrFPGA: never exits at start", [](VirtualBoard &b, BoardModel &, bool on) {
+                         b.setToolFault("./wrFPGA", on ? ToolFault::Hang : ToolFault::None);
+                     }};
+        loader.at = 0;
+        loader.keptUntilRestart = "at the next restart (the loader runs once, at start)";
+        list.push_back(loader);
+    }
+
     // Tools run only at start: the fault holds from the start.
     for (const std::string program : {"adjtimex", "./wrFPGA", "mkfs", "mount", "tail"})
         for (const ToolFault fault :
@@ -304,6 +362,37 @@ std::vector<Fault> faults(std::int64_t flapSeconds)
                         b.setReadOnly("/ramcache", on);
                     }});
 
+    // Symbolic links planted where the daemon makes its files, each to a file
+    // it must never write: each is replaced, never written through.
+    for (const std::string path :
+         {"/ramcache/zarvent/ntp_data.txt", "/ramcache/zarvent/lock",
+          "/ramcache/zarvent/errorlog.log", "/ramcache/zarvent/ptp_data_2026~11~16_13-31",
+          "/ramcache/zarvent/ntp.drift", "/ftpdir/stat.txt", "/ftpdir/lock"}) {
+        Fault link{"symbolic link planted at " + path,
+                   [path](VirtualBoard &b, BoardModel &, bool on) {
+                       if (!on)
+                           return;
+                       b.writeFile("/etc/shadow", "root:secret\n");
+                       std::filesystem::remove(b.hostPath(path));
+                       std::filesystem::create_symlink(b.hostPath("/etc/shadow"), b.hostPath(path));
+                       b.setPeer(Peer::None); // a change of reference, for an error-log line
+                   }};
+        link.each = [](VirtualBoard &b, BoardModel &, std::int64_t t) {
+            if (t == kFaultAt + 10)
+                b.setPeer(Peer::System);
+        };
+        if (path.ends_with("ntp.drift"))
+            link.at = 0; // made once, at start
+        link.finally = [path](VirtualBoard &b) -> std::string {
+            if (b.readFile("/etc/shadow") != "root:secret\n")
+                return "written through the link at " + path;
+            if (std::filesystem::is_symlink(b.hostPath(path)))
+                return "the link at " + path + " is still there";
+            return {};
+        };
+        list.push_back(link);
+    }
+
     // The clock stepped by ntpd, across midnight and the month's end.
     {
         Fault forward{"clock stepped +1 h over midnight at month end, then back",
@@ -322,6 +411,24 @@ std::vector<Fault> faults(std::int64_t flapSeconds)
                    }};
         back.start = "2026-12-01T00:58:00";
         list.push_back(back);
+        // A day back, for good: the chart files of the day ahead must not
+        // keep retention from removing anything older.
+        Fault day{"clock stepped a day back", [](VirtualBoard &b, BoardModel &, bool on) {
+                      if (on)
+                          b.stepClock(-86400000000);
+                  }};
+        day.clear = day.end + 1;
+        day.finally = [](VirtualBoard &b) -> std::string {
+            const std::string now = chartFileName(*b.localTime(b.realtimeNs() / 1000000000));
+            for (const auto &entry :
+                 std::filesystem::directory_iterator(b.hostPath("/ramcache/zarvent"))) {
+                const std::string name = entry.path().filename().string();
+                if (isChartFileName(name) && "/ramcache/zarvent/" + name > now)
+                    return "chart file " + name + " of a minute ahead is kept";
+            }
+            return b.exists(now) ? std::string() : "no chart file for the current minute";
+        };
+        list.push_back(day);
     }
 
     // The FPGA and its pulse.
@@ -436,6 +543,8 @@ int main(int argc, char **argv)
             problem = "wrote " + s.strayFiles.front();
         if (problem.empty() && fault.expect)
             problem = fault.expect(s);
+        if (problem.empty())
+            problem = s.finally;
         const Phase &d = s.during;
         std::printf("| %s | cycles %d, steered %d s, hand-overs %d ok %d rejected, page %d "
                     "updates | %s | %d | %zu |%s\n",

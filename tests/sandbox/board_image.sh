@@ -36,7 +36,7 @@ image_tool() { # image_tool ROOT PATH BODY: a script that logs its command line 
 
 image_make() {
     local root=$1 zarvent=$2
-    mkdir -p "$root"/{bin,sbin,usr/bin/Zarvent,etc/network,log,fpga,tmp,ftpdir,dev,sys/class/gpio}
+    mkdir -p "$root"/{bin,sbin,usr/bin/Zarvent,etc/network,log,fpga,tmp,ftpdir,dev,run,sys/class/gpio}
     cp "$BUSYBOX" "$root/bin/busybox"
     # Only harmless utilities come from busybox. The shell is dash: busybox's
     # shell runs its own applets before it looks at PATH, so "adjtimex -t
@@ -72,7 +72,9 @@ image_make() {
     printf '3692217600\t37\t# 1 Jan 2017\n' > "$root/leap-seconds.list"
 
     # spiWrite: five lines, the fifth the bytes received; registers in /fpga.
+    # With /fpga/hang present, one call hangs (a wedged SPI controller).
     image_tool "$root" /usr/bin/Zarvent/spiWrite '
+if rm /fpga/hang 2>/dev/null; then echo "-- hang" >> /log/commands.log; exec sleep 3600; fi
 m=$2; d=$6; reg=$7
 echo "spiWrite: mode $m length $4 data $d"
 echo "register $reg"
@@ -105,7 +107,10 @@ echo "ntp_gettime() returns code 0 (OK)"
 printf "  time %08x.00000000  %s.000, (.000000),\n" $((s + 2208988800)) "$(date -u -d @$s "+%a, %b %e %Y %k:%M:%S")"
 echo "  maximum error 16000 us, estimated error 16 us, TAI offset 37"'
     local t
-    for t in /bin/adjtimex /bin/ifconfig /bin/mkfs /bin/mount /sbin/agetty; do image_tool "$root" $t ':'; done
+    for t in /bin/adjtimex /bin/ifconfig /bin/mkfs /bin/mount; do image_tool "$root" $t ':'; done
+    # The console stays, started in the background, and keeps the pipe of
+    # the command that started it.
+    image_tool "$root" /sbin/agetty 'exec sleep 3599'
     image_tool "$root" /usr/bin/mversion 'echo "board 1.0"'
     echo 40 > "$root/fpga/reg26"
     echo 38 > "$root/fpga/reg24"
@@ -131,8 +136,9 @@ if [ "\$1" = 1 ]; then
       echo 0 > /sys/class/gpio/gpio19/value; usleep 900000
     done ) &
 fi
-cd /usr/bin/Zarvent && exec $emulator ./zarvent > /log/stdout 2> /log/stderr
+exec /bin/sh /daemon.sh > /log/stdout 2> /log/stderr
 EOS
+    printf 'cd /usr/bin/Zarvent && exec %s ./zarvent\n' "$emulator" > "$root/daemon.sh"
     chmod 755 "$root/start.sh"
 }
 
@@ -143,6 +149,13 @@ image_start() {
         "mount --make-rprivate / && touch '$root/dev/null' && mount --bind /dev/null '$root/dev/null' &&
          exec chroot '$root' /bin/sh /start.sh $pulse" &
     IMAGE_PID=$!
+}
+
+# image_second ROOT: a second daemon in the same image, in namespaces of its
+# own; its standard error on ours, its exit status returned.
+image_second() {
+    setpriv --inh-caps=-all --bounding-set -sys_time,-sys_module,-sys_boot,-sys_rawio \
+        unshare --net --mount --pid --fork --kill-child chroot "$1" /bin/sh /daemon.sh
 }
 
 image_stop() {

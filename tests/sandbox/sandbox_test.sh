@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # The production zarvent, unchanged, for a short real-time run in a sandboxed
-# board image (board_image.sh): start-up, one cycle per pulse, the status page
-# and the error log, a time zone set while it runs, a tool that goes missing.
+# board image (board_image.sh): start-up beside a console that keeps its pipe,
+# one cycle per pulse, the status page and the error log, a time zone set
+# while it runs, a tool that goes missing, a register tool that hangs, a
+# second instance, and a stop while a tool hangs.
 #   sandbox_test.sh PATH_TO_ZARVENT    the binary
 #   sandbox_test.sh PACKAGE.deb        the package's daemon, as installed
 # Exit 77 (skipped) when namespaces, chroot or busybox are not available.
@@ -79,4 +81,49 @@ if [ -f "$zone" ]; then
     *) fail "the error log's hour $stamp is not the new zone's" ;;
     esac
 fi
+cycles() { log | grep -c "spiWrite -m 0 -l 6 -d 4 14" || true; }
+hangs() { log | grep -c "^-- hang" || true; }
+
+# One register command hangs (a wedged SPI controller): it is killed with its
+# group at its deadline, the cycles go on, and standard error names it once.
+touch "$ROOT/fpga/hang"
+for _ in $(seq 10); do sleep 1; [ "$(hangs)" -ge 1 ] && break; done
+[ "$(hangs)" -ge 1 ] || fail "no register command took the hang"
+before=$(cycles)
+sleep 6
+kill -0 "$IMAGE_PID" 2>/dev/null || fail "the daemon ended after a hanging spiWrite"
+[ "$(cycles)" -ge $((before + 2)) ] || fail "cycles stopped after a hanging spiWrite ($before -> $(cycles))"
+[ "$(grep -c "spiWrite did not finish within 2 s, its process group killed" "$ROOT/log/stderr")" = 1 ] ||
+    fail "standard error: $(cat "$ROOT/log/stderr")"
+for p in /proc/[0-9]*; do
+    [ "$(readlink "$p/root" 2>/dev/null)" = "$ROOT" ] || continue
+    tr '\0' ' ' < "$p/cmdline" 2>/dev/null | grep -q "^sleep 3600" && fail "the hanging spiWrite still runs"
+done
+
+# A second zarvent beside it exits non-zero before it runs a command or
+# takes the lock.
+lock=$(cat "$ROOT/run/zarvent.lock")
+status=0
+image_second "$ROOT" 2> "$ROOT/second.err" || status=$?
+[ "$status" = 1 ] || fail "a second instance exited with $status"
+grep -q "^zarvent: another instance is running (pid [0-9]*); lock /run/zarvent.lock$" "$ROOT/second.err" ||
+    fail "second instance: $(cat "$ROOT/second.err")"
+[ "$(log | grep -c "^mkfs -q /dev/ram1 8192$")" = 1 ] || fail "the second instance ran its start-up"
+[ "$(cat "$ROOT/run/zarvent.lock")" = "$lock" ] || fail "the second instance changed the lock file"
+
+# SIGTERM while a register command hangs: the daemon is gone within that
+# command's deadline (2 s) and a second.
+touch "$ROOT/fpga/hang"
+for _ in $(seq 20); do sleep 0.5; [ "$(hangs)" -ge 2 ] && break; done
+[ "$(hangs)" -ge 2 ] || fail "no register command took the second hang"
+kill -TERM "$(image_daemon_pid "$ROOT")"
+asked=$(date +%s%N)
+while kill -0 "$IMAGE_PID" 2>/dev/null && [ $(( $(date +%s%N) - asked )) -lt 10000000000 ]; do sleep 0.05; done
+took=$(( ($(date +%s%N) - asked) / 1000000 ))
+echo "stopped $took ms after SIGTERM, with a register command hanging"
+kill -0 "$IMAGE_PID" 2>/dev/null && fail "still running 10 s after SIGTERM"
+status=0
+wait "$IMAGE_PID" || status=$?
+[ "$status" = 0 ] || fail "exit status $status after SIGTERM"
+[ "$took" -le 3000 ] || fail "the stop took $took ms"
 echo "1 passed, 0 failed"
