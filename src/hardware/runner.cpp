@@ -195,7 +195,11 @@ std::map<std::string, ToolCounts, std::less<>> Runner::toolCounts() const
 
 void Runner::account(const std::string &line, int status, bool timedOut)
 {
+    // An episode ends after a minute without a time-out: a tool that hangs on
+    // one command line and answers on others is one episode, not one a second.
+    constexpr std::int64_t kEpisodeQuietNs = 60'000'000'000;
     const std::string_view program = commandProgram(line);
+    const std::int64_t now = platform_.monotonicNs();
     std::string message;
     {
         const MutexLocker lock(mutex_);
@@ -206,6 +210,7 @@ void Runner::account(const std::string &line, int status, bool timedOut)
         ++record.counts.run;
         if (timedOut) {
             ++record.counts.timedOut;
+            record.lastTimeoutNs = now;
             // The journal hears of a hanging tool once, with the command
             // line that hung, not once per second while it goes on hanging.
             if (record.episodeTimeouts++ == 0)
@@ -217,8 +222,9 @@ void Runner::account(const std::string &line, int status, bool timedOut)
         } else {
             if (status != 0)
                 ++record.counts.failed;
-            if (status != -1 && record.episodeTimeouts != 0) {
-                message = "zarvent: " + std::string(program) + " finishes in time again (" +
+            if (status != -1 && record.episodeTimeouts != 0 &&
+                now - record.lastTimeoutNs >= kEpisodeQuietNs) {
+                message = "zarvent: " + std::string(program) + " finishes in time again after a minute without a time-out (" +
                           std::to_string(record.episodeTimeouts) + " commands timed out)\n";
                 record.episodeTimeouts = 0;
             }

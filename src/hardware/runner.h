@@ -16,8 +16,9 @@
 // Every command has a deadline chosen by its program (commandDeadline). A
 // command still running at its deadline is killed with its process group and
 // counts as one that could not be started: nothing it printed is used. The
-// first time-out of a program is named on standard error, and again when it
-// next finishes in time; not once per second in between.
+// first time-out of a program is named on standard error, and the end of the
+// episode once the program has gone a minute without one; not once per
+// second in between, however its lines alternate between hanging and not.
 #pragma once
 
 #include <cstddef>
@@ -77,7 +78,8 @@ class Runner {
 
     struct ToolRecord {
         ToolCounts counts;
-        std::uint64_t episodeTimeouts = 0; // time-outs since it last finished in time
+        std::uint64_t episodeTimeouts = 0; // time-outs since the episode began
+        std::int64_t lastTimeoutNs = 0;     // monotonic
     };
 
     Platform &platform_;
