@@ -1019,7 +1019,8 @@ std::unique_ptr<Command> VirtualBoard::startCommand(const std::string &line, Pip
         s.passTime(cost);
     const std::string program = line.substr(0, line.find_first_of(" \t\n;|"));
     ToolFault fault = ToolFault::None;
-    std::int64_t deadlineUs = std::chrono::duration_cast<std::chrono::microseconds>(deadline).count();
+    std::int64_t deadlineUs =
+        std::chrono::duration_cast<std::chrono::microseconds>(deadline).count();
     {
         const std::lock_guard lock(s.mutex);
         if (const auto f = s.toolFaults.find(line); f != s.toolFaults.end())
@@ -1032,9 +1033,10 @@ std::unique_ptr<Command> VirtualBoard::startCommand(const std::string &line, Pip
             deadlineUs = std::min(
                 deadlineUs,
                 std::max<std::int64_t>(
-                    0, s.stopRequestedAtUs +
-                           std::chrono::duration_cast<std::chrono::microseconds>(kStopGrace).count() -
-                           s.nowUs));
+                    0,
+                    s.stopRequestedAtUs +
+                        std::chrono::duration_cast<std::chrono::microseconds>(kStopGrace).count() -
+                        s.nowUs));
     }
     constexpr std::int64_t kSlowUs = 3000000;
     if (fault == ToolFault::Hang || (fault == ToolFault::Slow && kSlowUs >= deadlineUs)) {

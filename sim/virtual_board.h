@@ -70,7 +70,18 @@ enum class RegisterToolFault { None, Garbage, Short };
 // exit status 1, the right output after three seconds (killed first where
 // its deadline is shorter), or never ending until killed at its deadline,
 // having done nothing. A missing program is setToolAbsent().
-enum class ToolFault { None, Empty, Short, Garbage, Error, Overlong, Binary, ExitStatus, Slow, Hang };
+enum class ToolFault {
+    None,
+    Empty,
+    Short,
+    Garbage,
+    Error,
+    Overlong,
+    Binary,
+    ExitStatus,
+    Slow,
+    Hang
+};
 enum class SpiOp { Open, WriteMode, ReadMode, WriteBits, ReadBits, Message };
 
 // The fields of the last SPI transfer descriptor the daemon handed over.

@@ -100,8 +100,9 @@ TEST_F(LinuxTest, DeadlinesAndBackgroundChildren)
     using Clock = std::chrono::steady_clock;
     const auto child = dir_ / "child";
     const auto started = Clock::now();
-    auto hung = platform.startCommand("sleep 30 & echo $! > " + child.string() + "; echo 1; sleep 30",
-                                      PipeMode::Read, std::chrono::milliseconds(300));
+    auto hung =
+        platform.startCommand("sleep 30 & echo $! > " + child.string() + "; echo 1; sleep 30",
+                              PipeMode::Read, std::chrono::milliseconds(300));
     ASSERT_TRUE(hung);
     std::array<char, 16> buffer{};
     while (hung->read(buffer) > 0) {

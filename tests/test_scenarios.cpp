@@ -49,7 +49,6 @@ class ScenarioRun {
     std::filesystem::path dir_;
 };
 
-
 TEST(Scenario, CountersAcrossTheYearsEnd)
 {
     // From 2026-12-31T23:30:00 past midnight: at 00:00:00 the hour and day

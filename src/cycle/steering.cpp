@@ -143,7 +143,9 @@ void Steering::trimCharts(const std::string &current)
     }
     for (;;) {
         const auto usage = platform_.fileSystemUsage(chart::kDirectory);
-        const auto afterNew = [coming](std::uint64_t free) { return free - std::min(free, coming); };
+        const auto afterNew = [coming](std::uint64_t free) {
+            return free - std::min(free, coming);
+        };
         const bool tight =
             usage && (afterNew(usage->freeBlocks) * chart::kFreeQuarter < usage->blocks ||
                       afterNew(usage->freeInodes) * chart::kFreeQuarter < usage->inodes);

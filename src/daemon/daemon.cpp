@@ -67,8 +67,7 @@ bool Daemon::lockInstance()
         std::string pid(16, '\0');
         const long got = platform_.readAt(fd.get(), pid, 0);
         pid.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
-        pid.erase(std::remove_if(pid.begin(), pid.end(),
-                                 [](char c) { return c < '0' || c > '9'; }),
+        pid.erase(std::remove_if(pid.begin(), pid.end(), [](char c) { return c < '0' || c > '9'; }),
                   pid.end());
         platform_.writeError("zarvent: another instance is running (pid " +
                              (pid.empty() ? std::string("unknown") : pid) + "); lock " +
@@ -155,10 +154,13 @@ void Daemon::superviseUntilStop()
                  : Deadline(std::chrono::hours(1));
     ProgressWatch watch;
     const std::int64_t now = platform_.monotonicNs();
-    watch.watch("FPGA", [this] { return fpga_->progress(); }, FpgaThread::kProgressBound, now);
-    watch.watch("supervision", [this] { return supervision_->progress(); },
-                SupervisionThread::kProgressBound, now);
-    watch.watch("cycle", [this] { return cycle_->progress(); }, CycleThread::kProgressBound, now);
+    watch.watch(
+        "FPGA", [this] { return fpga_->progress(); }, FpgaThread::kProgressBound, now);
+    watch.watch(
+        "supervision", [this] { return supervision_->progress(); },
+        SupervisionThread::kProgressBound, now);
+    watch.watch(
+        "cycle", [this] { return cycle_->progress(); }, CycleThread::kProgressBound, now);
     bool fed = true;
     while (!platform_.waitForStopRequest(look)) {
         if (!interval)

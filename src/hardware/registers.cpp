@@ -24,9 +24,10 @@ std::optional<unsigned> Registers::Read_Control()
 
 bool Registers::write(int reg, unsigned value, PipeMode mode)
 {
-    return runner_.run("./spiWrite -m 1 -l 3 -d 1 " + std::to_string(reg) + " " +
-                           std::to_string(value) + " 0",
-                       mode)
+    return runner_
+        .run("./spiWrite -m 1 -l 3 -d 1 " + std::to_string(reg) + " " + std::to_string(value) +
+                 " 0",
+             mode)
         .has_value();
 }
 

@@ -224,7 +224,8 @@ void Runner::account(const std::string &line, int status, bool timedOut)
                 ++record.counts.failed;
             if (status != -1 && record.episodeTimeouts != 0 &&
                 now - record.lastTimeoutNs >= kEpisodeQuietNs) {
-                message = "zarvent: " + std::string(program) + " finishes in time again after a minute without a time-out (" +
+                message = "zarvent: " + std::string(program) +
+                          " finishes in time again after a minute without a time-out (" +
                           std::to_string(record.episodeTimeouts) + " commands timed out)\n";
                 record.episodeTimeouts = 0;
             }

@@ -79,7 +79,7 @@ class Runner {
     struct ToolRecord {
         ToolCounts counts;
         std::uint64_t episodeTimeouts = 0; // time-outs since the episode began
-        std::int64_t lastTimeoutNs = 0;     // monotonic
+        std::int64_t lastTimeoutNs = 0;    // monotonic
     };
 
     Platform &platform_;

@@ -80,7 +80,7 @@ struct Seen {
     bool aborted = false;
     int unreadWrites = 0;
     std::vector<std::string> strayFiles;
-    std::string page; // the status page at the end
+    std::string page;    // the status page at the end
     std::string errors;  // the daemon's standard error
     std::string finally; // what the fault's final check found
 };
@@ -262,7 +262,8 @@ std::vector<Fault> faults(std::int64_t flapSeconds)
          {Place{"spiWrite reading register 2 (read-modify-write)",
                 {"./spiWrite -m 0 -l 3 -d 1 2 0"},
                 "spiWrite"},
-          Place{"ntpq -p in supervision", {"ntpq -p | grep '*G'", "ntpq -p | grep 'oG'"}, "ntpq"}}) {
+          Place{
+              "ntpq -p in supervision", {"ntpq -p | grep '*G'", "ntpq -p | grep 'oG'"}, "ntpq"}}) {
         const std::vector<std::string> lines = place.lines;
         Fault f{place.name + ": never exits", [lines](VirtualBoard &b, BoardModel &, bool on) {
                     tool(b, lines, ToolFault::Hang, on);
