@@ -58,8 +58,10 @@ struct Fault {
     // A check of what the board and the web interface saw during the fault;
     // the reason when it fails.
     std::function<std::string(const Seen &)> expect;
-    // A check of the board at the run's last second; the reason when it fails.
+    // A check of the board at second checkAt (0: the run's last second); the
+    // reason when it fails.
     std::function<std::string(VirtualBoard &)> finally;
+    std::int64_t checkAt = 0;
     std::string start = "2026-11-16T13:27:00";
 };
 
@@ -149,7 +151,7 @@ Seen runFault(const Fault &fault, std::string &error)
         page = now;
         if (faultOn && fault.each)
             fault.each(view.board, view.model, t);
-        if (t == fault.end - 1 && fault.finally)
+        if (t == (fault.checkAt != 0 ? fault.checkAt : fault.end - 1) && fault.finally)
             seen.finally = fault.finally(view.board);
         seen.errors = view.board.errorOutput();
         // Keep the memory of the long runs flat.
@@ -412,13 +414,17 @@ std::vector<Fault> faults(std::int64_t flapSeconds)
                    }};
         back.start = "2026-12-01T00:58:00";
         list.push_back(back);
-        // A day back, for good: the chart files of the day ahead must not
-        // keep retention from removing anything older.
-        Fault day{"clock stepped a day back", [](VirtualBoard &b, BoardModel &, bool on) {
-                      if (on)
-                          b.stepClock(-86400000000);
+        // A day back: the chart files of the day ahead must not keep
+        // retention from removing anything older.
+        Fault day{"clock stepped a day back, then forward",
+                  [](VirtualBoard &b, BoardModel &, bool on) {
+                      b.stepClock(on ? -86400000000 : 86400000000);
                   }};
-        day.clear = day.end + 1;
+        day.checkAt = day.clear - 1;
+        day.expect = [](const Seen &s) {
+            return s.during.handoversOk == 0 ? std::string()
+                                             : "hand-overs accepted with the clock a day off";
+        };
         day.finally = [](VirtualBoard &b) -> std::string {
             const std::string now = chartFileName(*b.localTime(b.realtimeNs() / 1000000000));
             for (const auto &entry :
