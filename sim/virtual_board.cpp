@@ -1799,7 +1799,9 @@ int VirtualBoard::processId()
     return 4242;
 }
 
-bool VirtualBoard::waitForStopRequest(Deadline timeout)
+// The scheduler the main thread waits in; without one (unit tests) the
+// caller's wait ends the run.
+Scheduler &VirtualBoard::mainWaitScheduler()
 {
     state_->checkRunning();
     Scheduler *scheduler = nullptr;
@@ -1809,27 +1811,26 @@ bool VirtualBoard::waitForStopRequest(Deadline timeout)
     }
     if (scheduler == nullptr)
         throw SimulationEnded{};
+    return *scheduler;
+}
+
+bool VirtualBoard::waitForStopRequest(Deadline timeout)
+{
+    Scheduler &scheduler = mainWaitScheduler();
     // One poll interval of virtual time at a time: the request comes from
     // the scenario, between two of the daemon's steps.
     const std::int64_t until =
         nowUs() + std::chrono::duration_cast<std::chrono::microseconds>(timeout).count();
     while (!stopRequested() && nowUs() < until)
-        scheduler->wait(500);
+        scheduler.wait(500);
     return stopRequested();
 }
 
 void VirtualBoard::joinThreads()
 {
-    state_->checkRunning();
-    Scheduler *scheduler = nullptr;
-    {
-        const std::lock_guard lock(state_->mutex);
-        scheduler = state_->scheduler;
-    }
-    if (scheduler == nullptr)
-        throw SimulationEnded{};
-    while (scheduler->liveThreads() > 1)
-        scheduler->wait(500);
+    Scheduler &scheduler = mainWaitScheduler();
+    while (scheduler.liveThreads() > 1)
+        scheduler.wait(500);
 }
 
 void VirtualBoard::lock(Mutex &mutex) NO_THREAD_SAFETY_ANALYSIS

@@ -295,6 +295,8 @@ class VirtualBoard final : public Platform {
     void attachScheduler(Scheduler *scheduler);
 
   private:
+    Scheduler &mainWaitScheduler();
+
     struct State;
     std::unique_ptr<State> state_;
 };
