@@ -144,7 +144,7 @@ void Steering::trimCharts(const std::string &current)
     for (;;) {
         const auto usage = platform_.fileSystemUsage(chart::kDirectory);
         const auto afterNew = [coming](std::uint64_t free) {
-            return free - std::min(free, coming);
+            return free - std::min<std::uint64_t>(free, coming);
         };
         const bool tight =
             usage && (afterNew(usage->freeBlocks) * chart::kFreeQuarter < usage->blocks ||
