@@ -53,7 +53,7 @@ touch "$ROOT/dev/spidev1.0"
 "${CXX:-c++}" -std=c++20 -O2 -shared -fPIC -Wl,--as-needed -o "$ROOT/lib/spidev_model.so" \
     "$here/spidev_model.cpp" || fail "spidev_model.cpp does not build"
 # The daemon, as start.sh starts it, under memcheck.
-tail -n 1 "$ROOT/start.sh" | grep -q '^cd /usr/bin/Zarvent && exec *\./zarvent ' || fail "start.sh changed"
+tail -n 1 "$ROOT/start.sh" | grep -q '^exec /bin/sh /daemon.sh ' || fail "start.sh changed"
 sed -i '$d' "$ROOT/start.sh"
 cat >> "$ROOT/start.sh" <<EOS
 /bin/busybox mount -t proc proc /proc
