@@ -2,7 +2,8 @@
 # Builds the board package from an armhf zarvent binary: the stripped daemon
 # at /usr/bin/Zarvent/zarvent, its systemd unit, SysV init script (with the
 # respawn script it runs and the logrotate file for its log), the zarvent(8)
-# page and the Debian docs. Prints the path of the .deb.
+# page, the Prometheus alert rules and the Debian docs. Prints the path of the
+# .deb.
 #   pkg/build-deb.sh ZARVENT_ARMHF OUTDIR
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
@@ -16,7 +17,8 @@ chmod 755 "$root"
 
 install -d "$root/DEBIAN" "$root/usr/bin/Zarvent" "$root/usr/lib/zarvent" \
     "$root/lib/systemd/system" "$root/etc/init.d" "$root/etc/logrotate.d" \
-    "$root/usr/share/man/man8" "$root/usr/share/doc/zarvent" "$root/usr/share/lintian/overrides"
+    "$root/usr/share/man/man8" "$root/usr/share/doc/zarvent" "$root/usr/share/lintian/overrides" \
+    "$root/usr/share/zarvent"
 arm-linux-gnueabihf-strip --strip-unneeded --remove-section=.comment --remove-section=.note \
     -o "$root/usr/bin/Zarvent/zarvent" "$binary"
 chmod 755 "$root/usr/bin/Zarvent/zarvent"
@@ -28,6 +30,7 @@ gzip -9n < "$here/zarvent.8" > "$root/usr/share/man/man8/zarvent.8.gz"
 gzip -9n < "$here/changelog" > "$root/usr/share/doc/zarvent/changelog.gz"
 install -m 644 "$here/copyright" "$root/usr/share/doc/zarvent/copyright"
 install -m 644 "$here/lintian-overrides" "$root/usr/share/lintian/overrides/zarvent"
+install -m 644 "$here/zarvent-alerts.yml" "$root/usr/share/zarvent/zarvent-alerts.yml"
 chmod 644 "$root"/usr/share/man/man8/* "$root"/usr/share/doc/zarvent/*
 for s in postinst prerm postrm; do install -m 755 "$here/$s" "$root/DEBIAN/$s"; done
 printf '%s\n' /etc/init.d/zarvent /etc/logrotate.d/zarvent > "$root/DEBIAN/conffiles"

@@ -1675,6 +1675,18 @@ bool VirtualBoard::removeFile(const std::string &path)
     return ::unlink(hostPath(path).c_str()) == 0;
 }
 
+bool VirtualBoard::makeDirectory(const std::string &path)
+{
+    {
+        const std::lock_guard lock(state_->mutex);
+        if (state_->readOnlyLocked(path)) {
+            errno = EROFS;
+            return false;
+        }
+    }
+    return ::mkdir(hostPath(path).c_str(), 0755) == 0 || errno == EEXIST;
+}
+
 bool VirtualBoard::renameFile(const std::string &from, const std::string &to)
 {
     State &s = *state_;

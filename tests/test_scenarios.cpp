@@ -7,7 +7,11 @@
 #include <fstream>
 #include <sstream>
 
+#include "board_model.h"
+#include "daemon/daemon.h"
+#include "daemon/shared.h"
 #include "scenario.h"
+#include "statistics/metrics_file.h"
 
 namespace zarvent::sim {
 namespace {
@@ -79,6 +83,68 @@ TEST(Scenario, CountersAcrossTheYearsEnd)
               std::string::npos);
     EXPECT_TRUE(run.exists("/ramcache/zarvent/ptp_data_2026~12~31_23-59"));
     EXPECT_TRUE(run.exists("/ramcache/zarvent/ptp_data_2027~01~01_00-00"));
+}
+
+// The metrics file says, every second, what the board and the daemon hold:
+// steering, the DAC code and offset of the cycle, the hand-overs closed, the
+// reference and the antenna.
+TEST(Scenario, MetricsFollowTheBoard)
+{
+    std::string pattern = std::filesystem::temp_directory_path() / "zarvent-metrics-XXXXXX";
+    const std::filesystem::path dir = ::mkdtemp(pattern.data());
+    RunOptions options;
+    options.outDir = dir.string();
+    options.scenarioText = "start 2026-11-16T13:27:00\nduration 200\nseed 7\n"
+                           "osc gain 0.1 natural 33000 noise 3 offset 2500\nrmc A\npeer system\n"
+                           "at 120 rmc V\nat 125 peer none\nat 150 gpio 87 0\n";
+    int checked = 0;
+    bool seenLost = false;
+    unsigned previousCode = 0;
+    options.eachSecond = [&](const SecondView &v) {
+        const std::string text = v.board.readFile(metrics::kFile).value_or("");
+        const auto value = [&](const std::string &series) {
+            const std::size_t at = text.find("\n" + series + " ");
+            return at == std::string::npos
+                       ? std::string("missing")
+                       : text.substr(at + series.size() + 2,
+                                     text.find('\n', at + 1) - at - series.size() - 2);
+        };
+        if (text.empty())
+            return;
+        const BoardStats board = v.model.stats();
+        SharedState &shared = v.daemon.shared();
+        const std::int64_t t = v.unixSecond - 1794835620;
+        EXPECT_EQ(value("zarvent_steering"), v.daemon.shared().Sync_En != 0 ? "1" : "0") << t;
+        EXPECT_EQ(value("zarvent_handovers_closed_total"),
+                  std::to_string(board.handoversAccepted + board.handoversRejected))
+            << t;
+        if (board.dacWords > 0) {
+            EXPECT_EQ(value("zarvent_dac_code"), std::to_string(board.lastDacCode)) << t;
+        }
+        if (board.phaseSecond >= 0) {
+            EXPECT_NEAR(std::stod(value("zarvent_offset_seconds")), board.phaseReadNs * 1e-9, 1e-9)
+                << t;
+        }
+        // The page of the same cycle.
+        const std::string page = v.board.readFile("/ramcache/zarvent/ntp_data.txt").value_or("");
+        EXPECT_EQ(value("zarvent_reference{state=\"none\"}"),
+                  page.find("</b>    NULL\n") != std::string::npos ? "1" : "0")
+            << t;
+        // The supervision loop's code, once it has held for a second.
+        const unsigned code = shared.byte(co::kAntenna);
+        if (code == previousCode) {
+            EXPECT_EQ(value("zarvent_antenna{state=\"short\"}"), (code & 2u) == 0 ? "1" : "0") << t;
+        }
+        previousCode = code;
+        seenLost |= value("zarvent_reference{state=\"none\"}") == "1" &&
+                    value("zarvent_antenna{state=\"short\"}") == "1";
+        ++checked;
+    };
+    const RunResult result = runScenario(options);
+    std::filesystem::remove_all(dir);
+    ASSERT_TRUE(result.ok) << result.error;
+    EXPECT_GT(checked, 190);
+    EXPECT_TRUE(seenLost);
 }
 
 } // namespace

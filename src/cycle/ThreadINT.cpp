@@ -10,6 +10,7 @@
 #include "platform/platform.h"
 #include "statistics/capture.h"
 #include "statistics/counters.h"
+#include "statistics/metrics_file.h"
 #include "statistics/status_page.h"
 
 namespace zarvent {
@@ -71,6 +72,37 @@ void CycleThread::runCycle()
         dac_.SPIWriteInt(4, 2048);
         steering_->Calculate_offset();
     }
+    writeMetricsFile(second);
+}
+
+void CycleThread::writeMetricsFile(std::int64_t second)
+{
+    MetricsSnapshot m;
+    const StatusPage::Shown &shown = page_->shown();
+    m.offsetNs = shown.offset;
+    m.meanOffsetNs = shown.mean;
+    m.jitterNs = shown.jitter;
+    m.gpsEmulation = shown.emulation;
+    m.steering = shared_.Sync_En != 0;
+    m.dacCode = steering_->codeSent();
+    m.validCycles = offset_->validCycles();
+    m.reference = referenceState(shared_.text(co::kRefName, co::kNameField - 1));
+    m.alarm = shared_.Alarm != 0;
+    m.antennaCode = shared_.byte(co::kAntenna);
+    m.ptpRequests = counters_->requestsTotal();
+    m.ptpResponses = counters_->responsesTotal();
+    m.handoversClosed = handover_->closed();
+    m.handoversFailed = handover_->failed();
+    m.commands = runner_.toolCounts();
+    m.errorLogLines = shared_.errorLogLines.load(std::memory_order_relaxed);
+    if (const auto usage = platform_.fileSystemUsage("/ramcache/zarvent")) {
+        m.ramDiskFreeBytes = usage->freeBlocks * usage->blockSize;
+        m.ramDiskFreeInodes = usage->freeInodes;
+    }
+    m.chartFiles = steering_->chartFiles();
+    m.startTime = shared_.startTime.load();
+    m.lastCycle = second;
+    writeMetrics(platform_, m);
 }
 
 bool CycleThread::poll()

@@ -47,6 +47,8 @@ class CycleThread {
     bool poll();
     // The cycle's steps, in order.
     void runCycle();
+    // The metrics file of this cycle.
+    void writeMetricsFile(std::int64_t second);
     // The thread: set-up, then a poll every 500 µs until the daemon stops.
     void ThreadSrvINT();
 

@@ -63,6 +63,7 @@ std::int64_t Time_to_hex(std::string_view text, std::int32_t leapTime)
 
 void TimeHandover::Send_Time(const NtptimeReading &first)
 {
+    ++failed_; // until it is closed
     const std::int64_t t = Time_to_hex(first.stamp, shared_.Leap_Time.load());
     const auto count = static_cast<std::uint64_t>(t);
 
@@ -93,6 +94,8 @@ void TimeHandover::Send_Time(const NtptimeReading &first)
         return;
     if (Trans_count == 0)
         Trans_count = 1;
+    --failed_;
+    ++closed_;
 }
 
 } // namespace zarvent

@@ -43,12 +43,23 @@ class TimeHandover {
     {
         Trans_count = value;
     }
+    // Hand-overs closed with register 11, and those that ended before.
+    std::uint64_t closed() const
+    {
+        return closed_;
+    }
+    std::uint64_t failed() const
+    {
+        return failed_;
+    }
 
   private:
     Runner &runner_;
     SharedState &shared_;
     // The hand-over number, 1 to 255 and round again, never 0.
     std::uint8_t Trans_count = 1;
+    std::uint64_t closed_ = 0;
+    std::uint64_t failed_ = 0;
 };
 
 } // namespace zarvent

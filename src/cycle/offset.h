@@ -27,6 +27,12 @@ class OffsetReadout {
     // in a row set `Sync_En` and register 1 bit 0, an invalid one clears both.
     void Nav_Parse();
 
+    // Valid receiver cycles in a row so far (60 qualify).
+    std::uint32_t validCycles() const
+    {
+        return sync_count;
+    }
+
   private:
     void writeSyncBit(bool set);
 

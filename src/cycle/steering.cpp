@@ -109,7 +109,8 @@ void Steering::DAC_DEFAULTS()
     loadCentre();
     dac_.SPIWriteInt(4, 2048);
     // A negative centre is sent as 0, never as a huge unsigned number.
-    dac_.SPIWriteInt(3, dacCode(DAC_VOLTAGE));
+    codeSent_ = dacCode(DAC_VOLTAGE);
+    dac_.SPIWriteInt(3, codeSent_);
 }
 
 void Steering::trimCharts(const std::string &current)
@@ -152,6 +153,7 @@ void Steering::trimCharts(const std::string &current)
         if (!tight || first == names.size() || !removeOldest())
             break;
     }
+    chartFiles_ = names.size() - first + coming;
 }
 
 void Steering::chartPoint(std::int32_t offset)
@@ -189,7 +191,8 @@ void Steering::Calculate_offset()
     // Register 1 = register 2 with bit 0 set; a failed read is not written.
     if (const auto control = registers_.Read_Control())
         registers_.write(1, *control | 1u, PipeMode::Write);
-    dac_.SPIWriteInt(3, static_cast<unsigned>(Save_Sync));
+    codeSent_ = static_cast<unsigned>(Save_Sync);
+    dac_.SPIWriteInt(3, codeSent_);
 }
 
 } // namespace zarvent

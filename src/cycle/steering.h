@@ -81,6 +81,17 @@ class Steering {
     {
         return Save_Sync;
     }
+    // The code the DAC holds: the centre from start-up, then each steered
+    // second's code (it keeps the last one when steering stops).
+    unsigned codeSent() const
+    {
+        return codeSent_;
+    }
+    // Chart files on the RAM disk at the last new minute, its own included.
+    std::size_t chartFiles() const
+    {
+        return chartFiles_;
+    }
 
   private:
     void loadCentre();
@@ -100,6 +111,8 @@ class Steering {
     // every value it reaches is exact in a double.
     std::int64_t Intg = 0;
     std::string lastChart_;
+    std::size_t chartFiles_ = 0;
+    unsigned codeSent_ = 32768;
 };
 
 } // namespace zarvent

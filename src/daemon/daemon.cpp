@@ -115,7 +115,9 @@ void Daemon::CreateRAMDisk()
 
     // `timeinfo` is set before any thread starts; the start-time marker is
     // named from this local time.
-    const auto local = platform_.localTime(platform_.realtimeNs() / 1'000'000'000);
+    const std::int64_t started = platform_.realtimeNs() / 1'000'000'000;
+    shared_.startTime = started;
+    const auto local = platform_.localTime(started);
     if (!local)
         return;
     shared_.setTimeinfo(*local);

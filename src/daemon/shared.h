@@ -95,6 +95,10 @@ class SharedState {
     std::atomic<std::uint8_t> Alarm{0};
     std::atomic<std::int32_t> Leap_Time{0};
     std::atomic<std::int32_t> Sync_En{0};
+    // For the metrics: lines the supervision thread wrote to the error log,
+    // and the Unix second the daemon started.
+    std::atomic<std::uint64_t> errorLogLines{0};
+    std::atomic<std::int64_t> startTime{0};
     std::int32_t Jitter = 0;
     StatOut Stat_Out{};
 

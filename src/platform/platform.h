@@ -55,6 +55,7 @@ class Command {
 };
 
 struct FileSystemUsage {
+    std::uint64_t blockSize = 1024; // bytes in each block counted below
     std::uint64_t blocks = 0;
     std::uint64_t freeBlocks = 0;
     std::uint64_t inodes = 0;
@@ -92,6 +93,8 @@ class Platform {
     // Names in a directory, without "." and ".."; empty when it cannot be read.
     virtual std::vector<std::string> listDirectory(const std::string &path) = 0;
     virtual bool removeFile(const std::string &path) = 0;
+    // Makes a directory (mode 0755); true when it is there afterwards.
+    virtual bool makeDirectory(const std::string &path) = 0;
     virtual bool renameFile(const std::string &from, const std::string &to) = 0;
     virtual std::optional<std::int64_t> fileSize(const std::string &path) = 0;
     virtual std::optional<FileSystemUsage> fileSystemUsage(const std::string &path) = 0;

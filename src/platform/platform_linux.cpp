@@ -346,6 +346,11 @@ bool LinuxPlatform::removeFile(const std::string &path)
     return ::unlink(path.c_str()) == 0;
 }
 
+bool LinuxPlatform::makeDirectory(const std::string &path)
+{
+    return ::mkdir(path.c_str(), 0755) == 0 || errno == EEXIST;
+}
+
 bool LinuxPlatform::renameFile(const std::string &from, const std::string &to)
 {
     return ::rename(from.c_str(), to.c_str()) == 0;
@@ -377,7 +382,7 @@ std::optional<FileSystemUsage> LinuxPlatform::fileSystemUsage(const std::string 
     struct statvfs vfs {};
     if (::statvfs(path.c_str(), &vfs) != 0)
         return std::nullopt;
-    return FileSystemUsage{vfs.f_blocks, vfs.f_bfree, vfs.f_files, vfs.f_ffree};
+    return FileSystemUsage{vfs.f_frsize, vfs.f_blocks, vfs.f_bfree, vfs.f_files, vfs.f_ffree};
 }
 
 std::int64_t LinuxPlatform::realtimeNs()

@@ -35,6 +35,7 @@ class LinuxPlatform final : public Platform {
     int ioctl(int fd, unsigned long request, void *argument) override;
     std::vector<std::string> listDirectory(const std::string &path) override;
     bool removeFile(const std::string &path) override;
+    bool makeDirectory(const std::string &path) override;
     bool renameFile(const std::string &from, const std::string &to) override;
     std::optional<std::int64_t> fileSize(const std::string &path) override;
     std::optional<FileSystemUsage> fileSystemUsage(const std::string &path) override;

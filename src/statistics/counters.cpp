@@ -102,8 +102,12 @@ void PacketCounters::Stat_read(std::int64_t cycleSecond)
     const std::tm t = shared_.getTimeinfo();
     if (flag)
         capture_.Stat_capture();
-    aggregate(responseFields(shared_.Stat_Out), reading(reg::kRead26), t);
-    aggregate(requestFields(shared_.Stat_Out), reading(reg::kRead24), t);
+    const std::uint64_t responses = reading(reg::kRead26);
+    aggregate(responseFields(shared_.Stat_Out), responses, t);
+    const std::uint64_t requests = reading(reg::kRead24);
+    aggregate(requestFields(shared_.Stat_Out), requests, t);
+    responsesTotal_ += responses;
+    requestsTotal_ += requests;
 }
 
 } // namespace zarvent

@@ -42,6 +42,17 @@ class PacketCounters {
     // cycle's second, the SPI capture when the flag is on, the two counters.
     void Stat_read(std::int64_t cycleSecond);
 
+    // Every reading since the daemon started (the registers count one
+    // second each).
+    std::uint64_t requestsTotal() const
+    {
+        return requestsTotal_;
+    }
+    std::uint64_t responsesTotal() const
+    {
+        return responsesTotal_;
+    }
+
   private:
     bool statisticsFlag();
     std::uint64_t reading(const std::string &line);
@@ -50,6 +61,8 @@ class PacketCounters {
     Registers &registers_;
     SharedState &shared_;
     StatCapture &capture_;
+    std::uint64_t requestsTotal_ = 0;
+    std::uint64_t responsesTotal_ = 0;
 };
 
 } // namespace zarvent

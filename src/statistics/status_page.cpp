@@ -138,7 +138,9 @@ void StatusPage::FileWrite()
         static_cast<double>(st.RespHourSum), st.ReqDay[day], st.RespDay[day]));
 
     page.write(formatText("\n<b>Antenna:</b> %s\n", antennaText(shared_.byte(co::kAntenna))));
-    page.write(emulationOn() ? "<b>GPS Emulation:</b>\tOn\n" : "<b>GPS Emulation:</b>\tOff\n");
+    const bool emulation = emulationOn();
+    page.write(emulation ? "<b>GPS Emulation:</b>\tOn\n" : "<b>GPS Emulation:</b>\tOff\n");
+    shown_ = {x, static_cast<long>(mean), static_cast<long>(jitter), emulation};
 
     const DateTimeSlot end = shared_.dateTime(co::kNow);
     page.write(formatText("%s\n%s\n", end.date.c_str(), end.time.c_str()));

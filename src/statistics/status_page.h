@@ -41,6 +41,18 @@ class StatusPage {
         return filter_;
     }
 
+    // What the last page showed, in nanoseconds, and the emulation flag.
+    struct Shown {
+        long offset = 0;
+        long mean = 0;
+        long jitter = 0;
+        bool emulation = false;
+    };
+    const Shown &shown() const
+    {
+        return shown_;
+    }
+
   private:
     bool emulationOn();
 
@@ -48,6 +60,7 @@ class StatusPage {
     Runner &runner_;
     SharedState &shared_;
     OffsetFilter filter_;
+    Shown shown_;
 };
 
 } // namespace zarvent

@@ -62,6 +62,8 @@ void SupervisionThread::logReference(const std::string &name)
     log.write(formatText("%02d.%02d %02d:%02d:%02d ", t.tm_mday, t.tm_mon + 1, t.tm_hour, t.tm_min,
                          t.tm_sec));
     log.write("Reference time: " + name + "\n");
+    if (log.close())
+        shared_.errorLogLines.fetch_add(1, std::memory_order_relaxed);
 }
 
 bool SupervisionThread::referenceStep()

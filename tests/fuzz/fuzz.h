@@ -124,6 +124,10 @@ class FakePlatform final : public Platform {
         require(fds_.erase(fd) == 1); // never a descriptor twice
         return 0;
     }
+    bool makeDirectory(const std::string &) override
+    {
+        return false;
+    }
     bool removeFile(const std::string &path) override
     {
         return files.erase(path) > 0;

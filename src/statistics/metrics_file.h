@@ -1,0 +1,62 @@
+// The daemon's state for Prometheus: /ramcache/zarvent/metrics/zarvent.prom in
+// the text exposition format, for node_exporter's textfile collector
+// (--collector.textfile.directory=/ramcache/zarvent/metrics). The cycle
+// thread writes it whole once a cycle, from values it holds or that the page
+// shows anyway: no command is run for it.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+#include "hardware/runner.h"
+
+namespace zarvent {
+
+class Platform;
+
+namespace metrics {
+constexpr const char *kDirectory = "/ramcache/zarvent/metrics";
+constexpr const char *kFile = "/ramcache/zarvent/metrics/zarvent.prom";
+} // namespace metrics
+
+// The reference ntpd follows, as the supervision loop names it.
+enum class ReferenceState { SystemPeer, PpsPeer, None };
+ReferenceState referenceState(const std::string &name);
+
+struct MetricsSnapshot {
+    // Offsets in nanoseconds, as the page shows them.
+    long offsetNs = 0;
+    long meanOffsetNs = 0;
+    long jitterNs = 0;
+    unsigned dacCode = 0;
+    bool steering = false;
+    std::uint32_t validCycles = 0; // the receiver's valid cycles in a row
+    ReferenceState reference = ReferenceState::None;
+    bool alarm = false;
+    // The monitor's code: line 85 (feed on) in bit 2, 87 (no short) in bit 1,
+    // 86 (current flows) in bit 0; 7 is a good antenna.
+    unsigned antennaCode = 0;
+    bool gpsEmulation = false;
+    std::uint64_t ptpRequests = 0;
+    std::uint64_t ptpResponses = 0;
+    std::uint64_t handoversClosed = 0;
+    std::uint64_t handoversFailed = 0;
+    std::map<std::string, ToolCounts, std::less<>> commands;
+    std::uint64_t errorLogLines = 0;
+    std::uint64_t ramDiskFreeBytes = 0;
+    std::uint64_t ramDiskFreeInodes = 0;
+    std::uint64_t chartFiles = 0;
+    std::int64_t startTime = 0; // Unix seconds
+    std::int64_t lastCycle = 0; // Unix seconds
+};
+
+// The exposition text: HELP and TYPE for every family, base units (seconds,
+// bytes), counters ending in _total.
+std::string formatMetrics(const MetricsSnapshot &m);
+
+// Writes the file whole (temporary file and rename), making its directory
+// when it is missing; false when it could not be written.
+bool writeMetrics(Platform &platform, const MetricsSnapshot &m);
+
+} // namespace zarvent
