@@ -83,9 +83,10 @@ class CycleThread {
         return progress_.load(std::memory_order_relaxed);
     }
     // The longest one poll may take with every command of a cycle at its
-    // deadline: about sixteen register commands and ntptime (2 s each),
-    // ntpq (8 s), up to four indicator echoes and two rm of lock files (5 s).
-    static constexpr std::chrono::seconds kProgressBound{90};
+    // deadline: up to 24 register commands and two ntptime (2 s each), ntpq
+    // (8 s), up to six indicator echoes and two rm of lock files (5 s), about
+    // 110 s, and a wait for the register-2 lock.
+    static constexpr std::chrono::seconds kProgressBound{150};
 
   private:
     Platform &platform_;

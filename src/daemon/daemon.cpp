@@ -182,6 +182,10 @@ void Daemon::superviseUntilStop()
     // pass under way is finished first, its commands cut short after the
     // stop's grace), and the parts go away with every descriptor closed.
     platform_.notifyServiceManager("STOPPING=1");
+    // A last feed: the stop takes at most the commands under way and the
+    // grace, well within the watchdog's interval from here.
+    if (interval)
+        platform_.notifyServiceManager("WATCHDOG=1");
     platform_.joinThreads();
 }
 

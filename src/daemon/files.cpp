@@ -32,8 +32,11 @@ namespace {
 // Opens path for writing without following a symbolic link at its place: a
 // link found there (ELOOP) is removed and the file made anew, exclusively,
 // so that nothing planted between the two steps is written through either.
+// O_NONBLOCK: a FIFO planted in place of the file fails the open instead of
+// holding the thread until someone reads it; regular files ignore it.
 int openNoFollow(Platform &platform, const std::string &path, int flags)
 {
+    flags |= O_NONBLOCK;
     const int fd = platform.open(path, flags | O_NOFOLLOW);
     if (fd >= 0 || errno != ELOOP)
         return fd;

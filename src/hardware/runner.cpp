@@ -218,7 +218,8 @@ void Runner::account(const std::string &line, int status, bool timedOut)
                           std::to_string(std::chrono::duration_cast<std::chrono::seconds>(
                                              commandDeadline(program))
                                              .count()) +
-                          " s, its process group killed: " + line + "\n";
+                          " s, its process group killed: " +
+                          line.substr(0, line.find_last_not_of('\n') + 1) + "\n";
         } else {
             if (status != 0)
                 ++record.counts.failed;

@@ -74,7 +74,8 @@ class Platform {
     // ---- commands
     // Starts the command line in a shell, in a process group of its own,
     // with deadline from now; nullptr when it cannot be started. After a
-    // stop request no command outlasts the request by more than kStopGrace.
+    // stop request no command outlasts the request by more than kStopGrace,
+    // and none starts after it.
     virtual std::unique_ptr<Command> startCommand(const std::string &line, PipeMode mode,
                                                   Deadline deadline) = 0;
 

@@ -37,6 +37,13 @@ constexpr int kSliceMs = 20;
 // not waited for beyond this, but reaped later.
 constexpr std::int64_t kReapGraceNs = 1'000'000'000;
 
+// The program of a command line: its first word without the directory.
+std::string programOf(const std::string &line)
+{
+    const std::string first = line.substr(0, line.find_first_of(" \t\n;|&"));
+    return first.substr(first.rfind('/') + 1);
+}
+
 std::int64_t monotonicNow()
 {
     timespec now{};
@@ -59,8 +66,10 @@ void napNs(std::int64_t ns)
 // the one end dup2'd onto 0 or 1.
 class ShellCommand final : public Command {
   public:
-    ShellCommand(LinuxPlatform &platform, pid_t pid, int fd, std::int64_t deadlineNs)
-        : platform_(platform), pid_(pid), fd_(fd), deadlineNs_(deadlineNs)
+    ShellCommand(LinuxPlatform &platform, std::string program, pid_t pid, int fd, bool reading,
+                 std::int64_t deadlineNs)
+        : platform_(platform), program_(std::move(program)), pid_(pid), fd_(fd), reading_(reading),
+          deadlineNs_(deadlineNs)
     {}
     ~ShellCommand() override
     {
@@ -74,6 +83,10 @@ class ShellCommand final : public Command {
     {
         if (fd_ < 0 || timedOut_)
             return -1;
+        // A command started for writing has no output in the pipe: its end
+        // of the pipe is its standard input, closed by wait() as pclose does.
+        if (!reading_)
+            return 0;
         for (;;) {
             const std::int64_t left = remainingNs();
             if (left <= 0) {
@@ -181,14 +194,16 @@ class ShellCommand final : public Command {
             nap = std::min<std::int64_t>(nap * 2, 10'000'000);
         }
         if (!ended_)
-            platform_.adoptUnreaped(pid_);
+            platform_.adoptUnreaped(pid_, program_);
         pid_ = -1;
         status_ = -1;
     }
 
     LinuxPlatform &platform_;
+    std::string program_;
     pid_t pid_;
     int fd_;
+    bool reading_;
     std::int64_t deadlineNs_; // on the monotonic clock
     bool ended_ = false;
     bool timedOut_ = false;
@@ -235,7 +250,16 @@ LinuxPlatform::~LinuxPlatform()
 std::unique_ptr<Command> LinuxPlatform::startCommand(const std::string &line, PipeMode mode,
                                                      Deadline deadline)
 {
-    reapAdopted();
+    // A program whose killed command is still not gone (stuck in its
+    // driver) gets no new one until it is: otherwise each cycle would add
+    // another unkillable process. And after a stop's grace nothing starts.
+    const std::string program = programOf(line);
+    if (hasUnreaped(program) ||
+        (stopAtNs() != 0 &&
+         monotonicNow() > stopAtNs() + std::chrono::nanoseconds(kStopGrace).count())) {
+        errno = EAGAIN;
+        return nullptr;
+    }
     const std::int64_t deadlineNs =
         monotonicNow() + std::chrono::duration_cast<std::chrono::nanoseconds>(deadline).count();
     int ends[2];
@@ -276,19 +300,23 @@ std::unique_ptr<Command> LinuxPlatform::startCommand(const std::string &line, Pi
         errno = rc;
         return nullptr;
     }
-    return std::make_unique<ShellCommand>(*this, pid, ourEnd, deadlineNs);
+    return std::make_unique<ShellCommand>(*this, program, pid, ourEnd, reading, deadlineNs);
 }
 
-void LinuxPlatform::adoptUnreaped(pid_t pid)
+void LinuxPlatform::adoptUnreaped(pid_t pid, const std::string &program)
 {
     const std::lock_guard lock(unreapedMutex_);
-    unreaped_.push_back(pid);
+    unreaped_.emplace_back(pid, program);
 }
 
-void LinuxPlatform::reapAdopted()
+bool LinuxPlatform::hasUnreaped(const std::string &program)
 {
     const std::lock_guard lock(unreapedMutex_);
-    std::erase_if(unreaped_, [](pid_t pid) { return ::waitpid(pid, nullptr, WNOHANG) != 0; });
+    std::erase_if(unreaped_, [](const std::pair<pid_t, std::string> &killed) {
+        return ::waitpid(killed.first, nullptr, WNOHANG) != 0;
+    });
+    return std::any_of(unreaped_.begin(), unreaped_.end(),
+                       [&](const auto &killed) { return killed.second == program; });
 }
 
 int LinuxPlatform::open(const std::string &path, int flags)
@@ -508,7 +536,8 @@ void LinuxPlatform::notifyServiceManager(std::string_view state)
     const int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (fd < 0)
         return;
-    (void)::sendto(fd, state.data(), state.size(), MSG_NOSIGNAL,
+    // Never blocks the watchdog's thread on a full queue.
+    (void)::sendto(fd, state.data(), state.size(), MSG_NOSIGNAL | MSG_DONTWAIT,
                    reinterpret_cast<const sockaddr *>(&address), length);
     ::close(fd);
 }

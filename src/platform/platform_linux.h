@@ -4,6 +4,9 @@
 #include <signal.h>
 #include <sys/types.h>
 
+#include <string>
+#include <utility>
+
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
@@ -64,10 +67,11 @@ class LinuxPlatform final : public Platform {
         return stopAtNs_.load();
     }
     // A killed command that could not be reaped yet: reaped at a later start.
-    void adoptUnreaped(pid_t pid);
+    void adoptUnreaped(pid_t pid, const std::string &program);
 
   private:
-    void reapAdopted();
+    // Reaps what it can; true when a killed command of program is still there.
+    bool hasUnreaped(const std::string &program);
 
     sigset_t stopSignals_;
     std::atomic<bool> stop_{false};
@@ -77,7 +81,7 @@ class LinuxPlatform final : public Platform {
     std::string notifySocket_;
     std::optional<std::chrono::microseconds> watchdog_;
     std::mutex unreapedMutex_;
-    std::vector<pid_t> unreaped_;
+    std::vector<std::pair<pid_t, std::string>> unreaped_;
     std::mutex threadsMutex_;
     std::vector<std::thread> threads_;
 };

@@ -67,11 +67,11 @@ class SupervisionThread {
     {
         return progress_.load(std::memory_order_relaxed);
     }
-    // The longest one pass may take with every command at its deadline: two
-    // or three ntpq queries (8 s), up to eight indicator echoes and the cp and
-    // ifconfig of a factory reset (5 s), the register-2 update and the alarm's
-    // ntptime (2 s each), and the pass's sleep.
-    static constexpr std::chrono::seconds kProgressBound{120};
+    // The longest one pass may take with every command at its deadline: up
+    // to four ntpq queries (8 s), eight indicator echoes and the nine commands
+    // of a factory reset (5 s), two register-2 updates and the alarm's
+    // ntptime (2 s each), and the pass's sleep: about 135 s.
+    static constexpr std::chrono::seconds kProgressBound{180};
 
   private:
     bool referenceStep();
