@@ -26,7 +26,7 @@ int main(int argc, char **argv)
     us.reserve(static_cast<std::size_t>(words));
     for (int i = 0; i < words; ++i) {
         const auto start = std::chrono::steady_clock::now();
-        dac.SPIWriteInt(3, static_cast<unsigned>(32768 + i % 1000));
+        dac.writeWord(3, static_cast<unsigned>(32768 + i % 1000));
         const auto end = std::chrono::steady_clock::now();
         us.push_back(std::chrono::duration<double, std::micro>(end - start).count());
     }

@@ -119,8 +119,8 @@ int main(int argc, char **argv)
         }
         scheduler = std::make_unique<Scheduler>(board, 0);
         daemon = std::make_unique<zarvent::Daemon>(board);
-        daemon->CreateRAMDisk();
-        daemon->CreateThreads();
+        daemon->prepareRamDisk();
+        daemon->startThreads();
         starts++;
     };
     start();

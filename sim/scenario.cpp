@@ -44,10 +44,10 @@ class Recorder {
             row.ptpRequests = std::max(requests, 0);
             row.ptpResponses = std::max(responses, 0);
             row.dacCode = stats.lastDacCode;
-            SharedState &shared = daemon.shared();
-            row.steering = shared.Sync_En.load() != 0;
-            row.alarm = shared.Alarm.load() != 0;
-            const unsigned antenna = shared.byte(co::kAntenna);
+            SharedState &shared = daemon.parts().shared;
+            row.steering = shared.steering;
+            row.alarm = shared.alarm;
+            const unsigned antenna = shared.antennaCode;
             row.antennaFault = antenna != 0 && antenna != 7; // 7: antenna Ok
         }
         ReportSecond next;
@@ -240,8 +240,8 @@ class Run {
         } finish{scheduler};
         try {
             // The daemon's own start, as its main() does it.
-            daemon.CreateRAMDisk();
-            daemon.CreateThreads();
+            daemon.prepareRamDisk();
+            daemon.startThreads();
             const std::int64_t startUs = scenario.start * 1000000;
             for (std::int64_t second = 1; second <= scenario.durationS; second++) {
                 wait(startUs + second * 1000000 - board_.nowUs());

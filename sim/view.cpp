@@ -7,7 +7,7 @@
 #include <filesystem>
 #include <vector>
 
-#include "daemon/shared.h"
+#include "state/shared_state.h"
 #include "text.h"
 
 namespace zarvent::sim {
@@ -139,13 +139,13 @@ void View::second(const SecondView &view) const
     std::printf("\n-- offset chart (chart files %s/board/ramcache/zarvent/ptp_data_*)\n", out);
     printPlot(board);
 
-    SharedState &shared = view.daemon.shared();
-    const std::string reference = shared.text(co::kRefName, 17);
+    SharedState &shared = view.daemon.parts().shared;
+    const std::string reference = shared.reference();
     std::printf("\n-- states\n");
     std::printf("  reference %s   alarm %s   antenna %s   steering %s\n",
                 reference.empty() ? "(not yet asked)" : reference.c_str(),
-                shared.Alarm.load() != 0 ? "ON" : "off", antennaText(shared.byte(co::kAntenna)),
-                shared.Sync_En.load() != 0 ? "on" : "off (waiting for 60 valid cycles)");
+                shared.alarm ? "ON" : "off", antennaText(shared.antennaCode),
+                shared.steering ? "on" : "off (waiting for 60 valid cycles)");
     std::printf("\n-- LEDs and lines\n");
     std::printf("  reference 72/73: %s %s   alarm 76/77: %s %s   antenna 74/75: %s %s   "
                 "client 70/71: %s %s   factory 78: %s   antenna feed 85: %s\n",

@@ -3,13 +3,7 @@
 // the steering with its chart files.
 #include "support/fixture.h"
 
-#include "cycle/ThreadINT.h"
-#include "cycle/client.h"
-#include "cycle/handover.h"
-#include "cycle/offset.h"
-#include "cycle/relay.h"
-#include "cycle/steering.h"
-#include "hardware/dac.h"
+#include "daemon/cycle_loop.h"
 
 namespace zarvent::test {
 namespace {
@@ -20,7 +14,7 @@ class CycleTest : public BoardTest {
   protected:
     CycleTest()
     {
-        shared.Leap_Time = 37;
+        shared.taiOffset = 37;
         board.setFpgaConfigured(true);
         board.provideLine(19, false, 0);
     }
@@ -45,8 +39,8 @@ class CycleTest : public BoardTest {
         return board.countCommand(line);
     }
 
-    Dac dac{board, gpio};
-    CycleThread cycle{board, runner, gpio, registers, dac, shared};
+    Dac &dac = parts.dac;
+    CycleLoop cycle{parts};
 };
 
 TEST_F(CycleTest, OneCyclePerHighPhase)
@@ -54,7 +48,7 @@ TEST_F(CycleTest, OneCyclePerHighPhase)
     board.setPulse(19, 900000); // high for 900 ms of each second, from the start
     cycle.setup();
     pollFor(2 * kSecondUs + 500000);
-    EXPECT_EQ(count(reg::kRead14), 3u);
+    EXPECT_EQ(count("./spiWrite -m 0 -l 6 -d 4 14 0 0 0 0"), 3u);
 
     // Once a cycle has run, a low read followed by a high one in the same
     // poll does not arm the next cycle.
@@ -62,12 +56,12 @@ TEST_F(CycleTest, OneCyclePerHighPhase)
     board.setInput(19, 1);
     board.queueReads(19, {0, 1});
     pollFor(10000);
-    EXPECT_EQ(count(reg::kRead14), 3u);
+    EXPECT_EQ(count("./spiWrite -m 0 -l 6 -d 4 14 0 0 0 0"), 3u);
     board.setInput(19, 0);
     pollFor(1000);
     board.setInput(19, 1);
     pollFor(1000);
-    EXPECT_EQ(count(reg::kRead14), 4u);
+    EXPECT_EQ(count("./spiWrite -m 0 -l 6 -d 4 14 0 0 0 0"), 4u);
 }
 
 TEST_F(CycleTest, SetupOwnsTheDacLines)
@@ -80,7 +74,7 @@ TEST_F(CycleTest, SetupOwnsTheDacLines)
     ASSERT_EQ(words.size(), 2u);
     EXPECT_EQ(words[0].word, 0x408000u);
     EXPECT_EQ(words[1].word, 0x380E80u);
-    EXPECT_EQ(shared.dateTime(co::kEvent).time, "13:27:00");
+    EXPECT_EQ(shared.event().time, "13:27:00");
 }
 
 TEST_F(CycleTest, CycleTimeIsTheNearestSecond)
@@ -88,7 +82,7 @@ TEST_F(CycleTest, CycleTimeIsTheNearestSecond)
     // A pulse seen 3 ms before the boundary belongs to the coming second.
     board.setNowUs(kStart * kSecondUs - 3000);
     cycle.runCycle();
-    const std::tm t = shared.getTimeinfo();
+    const std::tm t = shared.cycleTime();
     EXPECT_EQ(t.tm_min, 27);
     EXPECT_EQ(t.tm_sec, 0);
 }
@@ -98,17 +92,17 @@ TEST_F(CycleTest, QualificationGatesHandOverAndSteering)
     dac.configureLines();
     board.setRegister(2, 0x02);
     cycles(59);
-    EXPECT_EQ(shared.Sync_En.load(), 0);
+    EXPECT_FALSE(shared.steering);
     EXPECT_TRUE(registerWrites().empty());
     cycles(1); // the 60th valid cycle steers at once, the hand-over waits
-    EXPECT_EQ(shared.Sync_En.load(), 1);
+    EXPECT_TRUE(shared.steering);
     EXPECT_EQ(registerWrites(), (std::vector<std::string>{"./spiWrite -m 1 -l 3 -d 1 1 3 0",
                                                           "./spiWrite -m 1 -l 3 -d 1 1 3 0"}));
     EXPECT_EQ(board.dacWords().size(), 2u);
     board.clearCommands();
     board.setRmcStatus('V');
     cycles(1); // hands the time over, then loses the receiver: no steering
-    EXPECT_EQ(shared.Sync_En.load(), 0);
+    EXPECT_FALSE(shared.steering);
     EXPECT_EQ(count("/usr/bin/Zarvent/spiWrite -m 1 -l 3 -d 1 10 1\n"), 1u);
     EXPECT_EQ(count("./spiWrite -m 1 -l 3 -d 1 1 2 0"), 1u);
     EXPECT_EQ(board.dacWords().size(), 2u);
@@ -119,120 +113,121 @@ TEST_F(CycleTest, QualificationGatesHandOverAndSteering)
     cycles(1);
     board.setRmcStatus('A');
     cycles(59);
-    EXPECT_EQ(shared.Sync_En.load(), 0);
+    EXPECT_FALSE(shared.steering);
     cycles(1);
-    EXPECT_EQ(shared.Sync_En.load(), 1);
+    EXPECT_TRUE(shared.steering);
 }
 
 TEST_F(CycleTest, ReceiverQueryThatCannotStartChangesNothing)
 {
-    shared.Sync_En = 1;
+    shared.steering = true;
     board.failCommand("ntpq -c clockvar");
-    cycle.offset().Nav_Parse();
-    EXPECT_EQ(shared.Sync_En.load(), 1);
+    parts.offset.qualifyReceiver();
+    EXPECT_TRUE(shared.steering);
     EXPECT_TRUE(registerWrites().empty());
     board.onCommand("ntpq -c clockvar", "associd=0 status=0000\n");
-    cycle.offset().Nav_Parse(); // too short: no valid data
-    EXPECT_EQ(shared.Sync_En.load(), 0);
+    parts.offset.qualifyReceiver(); // too short: no valid data
+    EXPECT_FALSE(shared.steering);
 }
 
 class HandoverTest : public CycleTest {
   protected:
     // 2026-11-16 13:27:46 UTC: ntptime shows eea58352.
     static constexpr std::int64_t kAt = (kStart + 46) * kSecondUs + 121000;
-    TimeHandover &handover = cycle.handover();
+    TimeHandover &handover = parts.handover;
 };
 
 TEST_F(HandoverTest, WorkedExample)
 {
     board.onCommand("ntptime", ntptimeAt(kAt));
-    handover.setTransCount(5);
-    const auto reading = ControlTime(runner, shared, co::kNow);
+    handover.setNumber(5);
+    const auto reading = readCurrentTime(runner, shared);
     ASSERT_TRUE(reading);
     board.clearCommands();
     // The alarm thread may rewrite the shared stamp meanwhile: the hand-over
     // uses this cycle's own readings.
-    shared.put(co::kStamp, "eea58300.00000000 ");
-    handover.Send_Time(*reading);
+    shared.setEvent("Nov 16 2026 13:27:00.000", "eea58300.00000000 ");
+    handover.handOver(*reading);
     EXPECT_EQ(lines(), (std::vector<std::string>{
                            "/usr/bin/Zarvent/spiWrite -m 1 -l 3 -d 1 10 5\n",
                            "/usr/bin/Zarvent/spiWrite -m 1 -l 8 -d 6 3 248 4 251 106 0 0\n",
                            "ntptime", "/usr/bin/Zarvent/spiWrite -m 1 -l 3 -d 1 11 5\n"}));
-    EXPECT_EQ(handover.transCount(), 6);
-    EXPECT_EQ(shared.get(co::kNow, 25), std::string("Nov 16 2026 13:27:46.121") + '\0');
+    EXPECT_EQ(handover.number(), 6);
+    EXPECT_EQ(shared.now().time, "13:27:46");
 }
 
 TEST_F(HandoverTest, SecondThatRollsOverLeavesTheHandOverOpen)
 {
     board.onCommandOnce("ntptime", ntptimeAt(kAt));
     board.onCommandOnce("ntptime", ntptimeAt(kAt + 900000));
-    handover.setTransCount(5);
-    handover.Send_Time(*ControlTime(runner, shared, co::kNow));
+    handover.setNumber(5);
+    handover.handOver(*readCurrentTime(runner, shared));
     EXPECT_EQ(count("/usr/bin/Zarvent/spiWrite -m 1 -l 3 -d 1 11 5\n"), 0u);
-    EXPECT_EQ(handover.transCount(), 5);
+    EXPECT_EQ(handover.number(), 5);
 
     board.onCommand("ntptime", ntptimeAt(kAt));
-    handover.setTransCount(255);
-    handover.Send_Time(*ControlTime(runner, shared, co::kNow));
+    handover.setNumber(255);
+    handover.handOver(*readCurrentTime(runner, shared));
     EXPECT_EQ(count("/usr/bin/Zarvent/spiWrite -m 1 -l 3 -d 1 11 255\n"), 1u);
-    EXPECT_EQ(handover.transCount(), 1);
+    EXPECT_EQ(handover.number(), 1);
 }
 
 TEST_F(HandoverTest, TimeInAnotherFormIsNoReading)
 {
-    shared.Sync_En = 1;
-    ControlTime(runner, shared, co::kEvent);
-    const std::string before = shared.get(0, co::kSize);
+    shared.steering = true;
+    readCurrentTime(runner, shared);
+    const std::string before = shared.stamp();
     // ntpsec's ISO line, the same every time: neither the page nor a
     // hand-over may take it.
     board.onCommand("ntptime", "ntp_gettime() returns code 0 (OK)\n"
                                "  time eeade443.45e05000 2026-11-22T21:59:31.272Z, (.272954),\n");
-    EXPECT_FALSE(ControlTime(runner, shared, co::kNow));
-    EXPECT_EQ(shared.get(0, co::kSize), before);
+    EXPECT_FALSE(readCurrentTime(runner, shared));
+    EXPECT_EQ(shared.stamp(), before);
+    EXPECT_EQ(shared.now().time, "13:27:00");
     cycle.runCycle();
     EXPECT_EQ(count("/usr/bin/Zarvent/spiWrite -m 1 -l 3 -d 1 10 1\n"), 0u);
-    EXPECT_EQ(shared.get(co::kStamp, 18), before.substr(co::kStamp, 18));
+    EXPECT_EQ(shared.stamp(), before);
 }
 
 TEST_F(CycleTest, OffsetTextAndJitterBlocks)
 {
-    OffsetReadout &offset = cycle.offset();
+    OffsetReadout &offset = parts.offset;
     board.setRegister(14, 50000000);
-    EXPECT_EQ(offset.ControlOffset(), -500000000);
-    EXPECT_EQ(shared.text(co::kOffset, 9), "-5000000");
+    EXPECT_EQ(offset.readOffset(), -500000000);
+    EXPECT_EQ(offsetAsShown(-500000000), -5000000);
     board.setRegister(14, 5);
     for (int i = 1; i < 127; ++i)
-        offset.ControlOffset();
-    EXPECT_EQ(shared.Jitter, 0);
+        offset.readOffset();
+    EXPECT_EQ(shared.jitterNs, 0);
     board.setRegister(14, 99999995);
-    offset.ControlOffset(); // the 128th ends the block
-    EXPECT_EQ(shared.Jitter, 500000050);
+    offset.readOffset(); // the 128th ends the block
+    EXPECT_EQ(shared.jitterNs, 500000050);
     board.setRegister(14, 5);
     for (int i = 0; i < 128; ++i)
-        offset.ControlOffset();
-    EXPECT_EQ(shared.Jitter, 100); // the next block starts from +50
+        offset.readOffset();
+    EXPECT_EQ(shared.jitterNs, 100); // the next block starts from +50
     board.setRegisterToolFault(sim::RegisterToolFault::Garbage);
-    EXPECT_EQ(offset.ControlOffset(), 0);
+    EXPECT_EQ(offset.readOffset(), 0);
 }
 
 TEST_F(CycleTest, RelayResetFiveSecondsAfterAnEvent)
 {
-    RelayReset relay(registers);
+    RelayReset &relay = parts.relay;
     board.setRegister(2, 0x01);
     board.setRegister(28, 1);
-    relay.Relay_Reset(100);
+    relay.acknowledge(100);
     board.setRegister(28, 0); // gone at the next read: the pulse still comes
     for (std::int64_t t = 101; t <= 104; ++t)
-        relay.Relay_Reset(t);
+        relay.acknowledge(t);
     EXPECT_TRUE(registerWrites().empty());
-    relay.Relay_Reset(105);
+    relay.acknowledge(105);
     EXPECT_EQ(registerWrites(), (std::vector<std::string>{"./spiWrite -m 1 -l 3 -d 1 2 3 0",
                                                           "./spiWrite -m 1 -l 3 -d 1 2 1 0"}));
     board.clearCommands();
     board.setRegister(28, 3);
-    relay.Relay_Reset(200);
+    relay.acknowledge(200);
     board.setRegister(28, 0);
-    relay.Relay_Reset(205); // both in one call: bit 1 first
+    relay.acknowledge(205); // both in one call: bit 1 first
     EXPECT_EQ(registerWrites(), (std::vector<std::string>{"./spiWrite -m 1 -l 3 -d 1 2 3 0",
                                                           "./spiWrite -m 1 -l 3 -d 1 2 1 0",
                                                           "./spiWrite -m 1 -l 3 -d 1 2 5 0",
@@ -241,12 +236,12 @@ TEST_F(CycleTest, RelayResetFiveSecondsAfterAnEvent)
 
 TEST_F(CycleTest, ClientIndicatorFlashesOnTheLowByte)
 {
-    ClientIndicator client(board, gpio, registers);
+    ClientIndicator &client = parts.client;
     for (auto [responses, flash] : {std::pair{0, false}, {256, false}, {65535, true}, {1, true}}) {
         board.clearCommands();
         board.setRegister(26, static_cast<std::uint64_t>(responses));
-        client.Service();
-        client.ReadNtpCli();
+        client.switchOff();
+        client.flashOnResponses();
         EXPECT_EQ(count("echo 1 > /sys/class/gpio/gpio71/value"), flash ? 1u : 0u) << responses;
         EXPECT_EQ(lines().back(), "echo 0 > /sys/class/gpio/gpio71/value");
     }
@@ -257,14 +252,13 @@ class SteeringTest : public CycleTest {
     SteeringTest()
     {
         dac.configureLines();
-        shared.put(co::kOffset, std::string("100") + '\0');
         board.setNowUs((kStart + 38 * 60 + 59) * kSecondUs); // 14:05:59
     }
     void steerAt(std::int64_t unixSecond)
     {
         board.setNowUs(unixSecond * kSecondUs);
-        shared.setTimeinfo(*board.localTime(unixSecond));
-        steering.Calculate_offset();
+        shared.setCycleTime(*board.localTime(unixSecond));
+        steering.steer(100);
     }
     std::size_t chartFiles()
     {
@@ -273,7 +267,7 @@ class SteeringTest : public CycleTest {
             n += isChartFileName(name);
         return n;
     }
-    Steering &steering = cycle.steering();
+    Steering &steering = parts.steering;
 };
 
 TEST_F(SteeringTest, CentreFromItsFileWithARangeCheck)

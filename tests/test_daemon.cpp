@@ -7,7 +7,7 @@
 
 #include "daemon/daemon.h"
 #include "board_model.h"
-#include "fpga/ThreadFPGA.h"
+#include "fpga/fpga_loader.h"
 #include "scheduler.h"
 
 namespace zarvent::test {
@@ -20,8 +20,7 @@ TEST_F(DaemonTest, RamDiskAndMarkers)
     board.setNowUs((kStart + 45 * 86400 + 37979) * 1'000'000); // 2026-12-31 23:59:59
     board.writeFile("/ramcache/zarvent/ntp.drift", "old drift\n");
     Daemon daemon(board);
-    daemon.shared().Stat_Out.ReqDay[3] = 9;
-    daemon.CreateRAMDisk();
+    daemon.prepareRamDisk();
     const std::vector<std::pair<std::string, PipeMode>> expected = {
         {"mkfs -q /dev/ram1 8192", PipeMode::Read},
         {"mkdir -p /ramcache", PipeMode::Read},
@@ -44,9 +43,8 @@ TEST_F(DaemonTest, RamDiskAndMarkers)
     }
     EXPECT_EQ(file("/ramcache/zarvent/ntp.drift"), "");
     EXPECT_TRUE(board.exists("/ramcache/zarvent/ptp_data_0000_00_03"));
-    EXPECT_EQ(daemon.shared().Stat_Out.ReqDay[3], 0u);
-    EXPECT_EQ(daemon.shared().getTimeinfo().tm_mday, 31);
-    daemon.CreateThreads();
+    EXPECT_EQ(daemon.parts().shared.cycleTime().tm_mday, 31);
+    daemon.startThreads();
     EXPECT_EQ(board.threadCount(), 3u);
 }
 
@@ -56,27 +54,27 @@ class FpgaTest : public BoardTest {
     {
         board.setFpgaConfigured(false);
     }
-    FpgaThread fpga{board, runner, gpio, registers};
+    FpgaLoader fpga{board, runner, gpio, registers};
     const std::string write1 = "./spiWrite -m 1 -l 3 -d 1 1 0 0";
 };
 
 TEST_F(FpgaTest, LoadsOnceAndWaitsForTheAnswer)
 {
-    fpga.InitFPGA();
+    fpga.setup();
     EXPECT_EQ(board.direction(182), "in");
     EXPECT_EQ(board.direction(13), "in");
     board.onCommandOnce(write1, toolOutput("FF FF FF\n"));
     board.onCommandOnce(write1, toolOutput("AA AA A5")); // no line end: no answer
-    board.onCommandOnce(reg::kRead2, toolOutput("ioctl: bad address\n"));
+    board.onCommandOnce("./spiWrite -m 0 -l 3 -d 1 2 0", toolOutput("ioctl: bad address\n"));
     board.setFpgaConfigured(true);
     const std::int64_t before = board.nowUs();
-    fpga.SrvFPGA();
+    fpga.loadUntilConfigured();
     EXPECT_TRUE(fpga.configured());
     EXPECT_EQ(board.countCommand("./wrFPGA --file Version_1.rbf"), 1u);
     EXPECT_EQ(board.countCommand(write1), 3u); // the failed read wrote nothing
     EXPECT_EQ(board.nowUs() - before, 3'000'000);
     board.clearCommands();
-    fpga.SrvFPGA();
+    fpga.loadUntilConfigured();
     EXPECT_TRUE(board.commands().empty());
 }
 
@@ -84,7 +82,7 @@ TEST_F(FpgaTest, LoaderThatCannotStartStillChecksTheFpga)
 {
     board.failCommand("./wrFPGA --file Version_1.rbf");
     board.setFpgaConfigured(true);
-    fpga.BurnFPGA();
+    fpga.loadUntilConfigured();
     EXPECT_TRUE(fpga.configured());
     EXPECT_EQ(board.countCommand(write1), 1u);
 }
@@ -99,12 +97,12 @@ TEST(Threads, DaemonThreadsAtOnce)
         board.provideLine(line, false, 1);
     board.writeFile("/usr/bin/Zarvent/enable.cfg", "1\n");
     Daemon daemon(board);
-    daemon.CreateRAMDisk();
-    daemon.CreateThreads();
+    daemon.prepareRamDisk();
+    daemon.startThreads();
     board.runRecordedThreads();
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
     board.stop();
-    EXPECT_GT(board.countCommand(reg::kRead14), 0u);
+    EXPECT_GT(board.countCommand("./spiWrite -m 0 -l 6 -d 4 14 0 0 0 0"), 0u);
     EXPECT_GT(board.countCommand("ntpq -p | grep '*G'"), 0u);
     EXPECT_GT(board.loaderRuns(), 0);
     for (const auto &word : board.dacWords())
@@ -123,8 +121,8 @@ TEST(Threads, StopEndsEveryThreadAndClosesAll)
     sim::Scheduler scheduler(board, 0);
     {
         Daemon daemon(board);
-        daemon.CreateRAMDisk();
-        daemon.CreateThreads();
+        daemon.prepareRamDisk();
+        daemon.startThreads();
         scheduler.wait(70'000'000); // steering and statistics under way
         EXPECT_GT(board.openDescriptors(), 0);
         board.requestStop();

@@ -12,34 +12,34 @@ using HardwareTest = BoardTest;
 
 TEST_F(HardwareTest, PinLayerFollowsSysfs)
 {
-    EXPECT_EQ(gpio.PinGetInput("50"), 0); // never exported: reads 0
-    EXPECT_EQ(gpio.readLevel("50"), std::nullopt);
+    EXPECT_EQ(gpio.readLevelOrZero(GpioPin{50}), 0); // never exported: reads 0
+    EXPECT_EQ(gpio.readLevel(GpioPin{50}), std::nullopt);
 
-    gpio.PinAddToWorkspace("70");
-    gpio.PinSetDirectionOut("70");
-    EXPECT_LT(gpio.PinAddToWorkspace("70"), 0); // already exported: refused, nothing else
+    gpio.exportPin(GpioPin{70});
+    gpio.setDirectionOut(GpioPin{70});
+    EXPECT_LT(gpio.exportPin(GpioPin{70}), 0); // already exported: refused, nothing else
     EXPECT_EQ(board.direction(70), "out");
 
-    gpio.PinAddToWorkspace("106");
-    gpio.PinSetDirectionOut("106");
-    gpio.PinSetOutput("106", 1);
+    gpio.exportPin(GpioPin{106});
+    gpio.setDirectionOut(GpioPin{106});
+    gpio.setLevel(GpioPin{106}, 1);
     EXPECT_EQ(board.lastWrite(106), "1");
     EXPECT_EQ(board.level(106), 1);
-    gpio.PinAddToWorkspace("79");
-    gpio.PinSetDirectionIn("79");
+    gpio.exportPin(GpioPin{79});
+    gpio.setDirectionIn(GpioPin{79});
     board.setInput(79, 1);
-    EXPECT_EQ(gpio.readLevel("79"), 1);
+    EXPECT_EQ(gpio.readLevel(GpioPin{79}), 1);
 
-    EXPECT_LT(gpio.GpioSetEdge(5, "rising"), 0);
+    EXPECT_LT(gpio.setEdge(GpioPin{5}, "rising"), 0);
     EXPECT_EQ(board.errorOutput(), "gpio/set-edge: No such file or directory\n");
-    gpio.PinAddToWorkspace("19");
-    EXPECT_EQ(gpio.GpioSetEdge(19, "rising"), 0);
+    gpio.exportPin(GpioPin{19});
+    EXPECT_EQ(gpio.setEdge(GpioPin{19}, "rising"), 0);
     EXPECT_EQ(board.edge(19), "rising");
 }
 
 TEST_F(HardwareTest, KeptLineReadsAtOffsetZeroThroughOneDescriptor)
 {
-    GpioLine pulse(board, "19");
+    OpenPin pulse(board, GpioPin{19});
     EXPECT_EQ(pulse.read(), 0); // not exported yet
     board.provideLine(19, false, 1);
     for (int i = 0; i < 10; ++i)
@@ -51,7 +51,7 @@ TEST_F(HardwareTest, KeptLineReadsAtOffsetZeroThroughOneDescriptor)
 
 TEST_F(HardwareTest, DacWords)
 {
-    Dac dac(board, gpio);
+    Dac &dac = parts.dac;
     dac.configureLines();
     EXPECT_EQ(board.direction(96), "out");
     EXPECT_EQ(board.level(96), 0);
@@ -67,26 +67,26 @@ TEST_F(HardwareTest, DacWords)
     };
     for (const auto &c : cases) {
         const auto levelsBefore = board.levels().size();
-        EXPECT_TRUE(dac.SPIWriteInt(c.command, c.value));
+        EXPECT_TRUE(dac.writeWord(c.command, c.value));
         EXPECT_EQ(board.levels().size() - levelsBefore, 74u);
         const sim::DacWord last = board.dacWords().back();
         EXPECT_EQ(last.word, c.word);
         EXPECT_FALSE(last.malformed);
         EXPECT_EQ(board.level(106), 1); // select idle between words
     }
-    EXPECT_FALSE(dac.SPIWriteInt(16, 0));
+    EXPECT_FALSE(dac.writeWord(16, 0));
     EXPECT_EQ(board.dacWords().size(), std::size(cases));
 }
 
 TEST_F(HardwareTest, RegisterReadModifyWrite)
 {
     board.setRegister(2, 0x05);
-    EXPECT_EQ(registers.modifyRegister2(2, 0, PipeMode::Write), 7u);
-    EXPECT_EQ(registers.modifyRegister2(0, 2, PipeMode::Write), 5u);
+    EXPECT_EQ(registers.modifyControl(2, 0, PipeMode::Write), 7u);
+    EXPECT_EQ(registers.modifyControl(0, 2, PipeMode::Write), 5u);
     EXPECT_EQ(registerWrites(), (std::vector<std::string>{"./spiWrite -m 1 -l 3 -d 1 2 7 0",
                                                           "./spiWrite -m 1 -l 3 -d 1 2 5 0"}));
     board.setRegister(24, 4660);
-    EXPECT_EQ(registers.read(reg::kRead24, 5, 2), 4660u);
+    EXPECT_EQ(registers.readCounter(24), 4660u);
 }
 
 TEST_F(HardwareTest, ValueThatDidNotComeFromTheRegisterIsNeverWritten)
@@ -99,12 +99,12 @@ TEST_F(HardwareTest, ValueThatDidNotComeFromTheRegisterIsNeverWritten)
         "",
     };
     for (const auto &output : outputs) {
-        board.onCommand(reg::kRead2, output);
-        EXPECT_EQ(registers.Read_Control(), std::nullopt) << output;
-        EXPECT_EQ(registers.modifyRegister2(1, 0, PipeMode::Read), std::nullopt) << output;
+        board.onCommand("./spiWrite -m 0 -l 3 -d 1 2 0", output);
+        EXPECT_EQ(registers.readControl(), std::nullopt) << output;
+        EXPECT_EQ(registers.modifyControl(1, 0, PipeMode::Read), std::nullopt) << output;
     }
-    board.failCommand(reg::kRead2);
-    EXPECT_EQ(registers.modifyRegister2(1, 0, PipeMode::Read), std::nullopt);
+    board.failCommand("./spiWrite -m 0 -l 3 -d 1 2 0");
+    EXPECT_EQ(registers.modifyControl(1, 0, PipeMode::Read), std::nullopt);
     EXPECT_TRUE(registerWrites().empty());
 }
 

@@ -4,12 +4,13 @@
 #include <array>
 #include <cstring>
 
-#include "cycle/ThreadINT.h"
+#include "daemon/cycle_loop.h"
 #include "cycle/handover.h"
 #include "cycle/offset.h"
 #include "cycle/steering.h"
-#include "fpga/ThreadFPGA.h"
+#include "fpga/fpga_loader.h"
 #include "hardware/parsers.h"
+#include "ntp/ntp_parsers.h"
 #include "statistics/capture.h"
 #include "statistics/status_page.h"
 
@@ -126,11 +127,11 @@ TEST(Arithmetic, PhaseFoldsIntoSignedNanoseconds)
 
 TEST(Arithmetic, SecondsCountForTheFpga)
 {
-    EXPECT_EQ(Time_to_hex("eea58352.1f2e3d4c ", 37), 1794835704);
-    EXPECT_EQ(Time_to_hex("eea58352.1f2e3d4c ", -1), 1794835666);
+    EXPECT_EQ(taiCountOfNextSecond("eea58352.1f2e3d4c ", 37), 1794835704);
+    EXPECT_EQ(taiCountOfNextSecond("eea58352.1f2e3d4c ", -1), 1794835666);
     // After the NTP era rolled over on 2036-02-07 the count goes on.
-    EXPECT_EQ(Time_to_hex("00000010.00000000 ", 37), 4294967296 + 16 - 2208988799 + 37);
-    EXPECT_EQ(Time_to_hex("ffffffff.00000000 ", 0), 4294967295 - 2208988799);
+    EXPECT_EQ(taiCountOfNextSecond("00000010.00000000 ", 37), 4294967296 + 16 - 2208988799 + 37);
+    EXPECT_EQ(taiCountOfNextSecond("ffffffff.00000000 ", 0), 4294967295 - 2208988799);
 }
 
 TEST(Arithmetic, CycleSecondIsTheNearestSecond)
@@ -159,22 +160,22 @@ TEST(Arithmetic, SteeringLawWorkedExample)
     std::int64_t intg = 0;
     for (const auto &s : seconds) {
         const SteeringStep r = steeringLaw(32768, s.offset, summ, intg);
-        EXPECT_EQ(r.S, s.S);
-        EXPECT_EQ(r.Intg, s.Intg);
-        EXPECT_EQ(r.d, s.d);
-        EXPECT_EQ(dacCode(r.u), s.code);
-        summ = r.S;
-        intg = r.Intg;
+        EXPECT_EQ(r.filtered, s.S);
+        EXPECT_EQ(r.integral, s.Intg);
+        EXPECT_EQ(r.difference, s.d);
+        EXPECT_EQ(dacCode(r.control), s.code);
+        summ = r.filtered;
+        intg = r.integral;
     }
-    EXPECT_EQ(steeringLaw(32768, -25000, 0, 0).e, -10000);
-    EXPECT_EQ(steeringLaw(32768, 19, 0, 0).S, 0); // 0.95 truncates
-    EXPECT_EQ(dacCode(steeringLaw(32768, 19, 0, 0).u), 32769u);
-    EXPECT_EQ(steeringLaw(32768, 0, -1, 0).S, 0);  // -0.95 toward zero
-    EXPECT_EQ(steeringLaw(32768, 0, -2, 0).S, -1); // -1.9
+    EXPECT_EQ(steeringLaw(32768, -25000, 0, 0).error, -10000);
+    EXPECT_EQ(steeringLaw(32768, 19, 0, 0).filtered, 0); // 0.95 truncates
+    EXPECT_EQ(dacCode(steeringLaw(32768, 19, 0, 0).control), 32769u);
+    EXPECT_EQ(steeringLaw(32768, 0, -1, 0).filtered, 0);  // -0.95 toward zero
+    EXPECT_EQ(steeringLaw(32768, 0, -2, 0).filtered, -1); // -1.9
     EXPECT_EQ(dacCode(70000), 65535u);
     EXPECT_EQ(dacCode(-5), 0u);
     // A centre from the file moves the code by the change of the centre.
-    EXPECT_EQ(steeringLaw(40000, 100, 50, 1000).u - steeringLaw(32768, 100, 50, 1000).u, 7232);
+    EXPECT_EQ(steeringLaw(40000, 100, 50, 1000).control - steeringLaw(32768, 100, 50, 1000).control, 7232);
 }
 
 TEST(Arithmetic, OffsetFilterStartsFromZero)

@@ -9,7 +9,7 @@
 
 #include "board_model.h"
 #include "daemon/daemon.h"
-#include "daemon/shared.h"
+#include "state/shared_state.h"
 #include "scenario.h"
 #include "statistics/metrics_file.h"
 
@@ -112,9 +112,9 @@ TEST(Scenario, MetricsFollowTheBoard)
         if (text.empty())
             return;
         const BoardStats board = v.model.stats();
-        SharedState &shared = v.daemon.shared();
+        SharedState &shared = v.daemon.parts().shared;
         const std::int64_t t = v.unixSecond - 1794835620;
-        EXPECT_EQ(value("zarvent_steering"), v.daemon.shared().Sync_En != 0 ? "1" : "0") << t;
+        EXPECT_EQ(value("zarvent_steering"), v.daemon.parts().shared.steering ? "1" : "0") << t;
         EXPECT_EQ(value("zarvent_handovers_closed_total"),
                   std::to_string(board.handoversAccepted + board.handoversRejected))
             << t;
@@ -131,7 +131,7 @@ TEST(Scenario, MetricsFollowTheBoard)
                   page.find("</b>    NULL\n") != std::string::npos ? "1" : "0")
             << t;
         // The supervision loop's code, once it has held for a second.
-        const unsigned code = shared.byte(co::kAntenna);
+        const unsigned code = shared.antennaCode;
         if (code == previousCode) {
             EXPECT_EQ(value("zarvent_antenna{state=\"short\"}"), (code & 2u) == 0 ? "1" : "0") << t;
         }

@@ -22,39 +22,37 @@ std::tm at(int hour, int minute, int second, int day = 16)
 
 TEST(Counters, MinuteHourAndDayTotals)
 {
-    auto out = std::make_unique<StatOut>();
-    const CounterFields req = requestFields(*out);
+    auto history = std::make_unique<CounterHistory>();
+    CounterHistory &req = *history;
     // 12:34:00 stores the readings of 12:33:01 to 12:34:00.
-    aggregate(req, 1000, at(12, 33, 0));
+    req.add(1000, at(12, 33, 0));
     for (int s = 1; s < 60; ++s)
-        aggregate(req, 1, at(12, 33, s));
-    aggregate(req, 100, at(12, 34, 0));
-    EXPECT_EQ(out->ReqMin[754], 159u);
-    EXPECT_FLOAT_EQ(out->ReqMinSum, 159.0f);
+        req.add(1, at(12, 33, s));
+    req.add(100, at(12, 34, 0));
+    EXPECT_EQ(req.minutes[754], 159u);
+    EXPECT_FLOAT_EQ(req.minuteSum, 159.0f);
 
     // 05:00:00: hour 4 (slots 240 to 299) into ReqHour[5] and the rolling sum.
-    for (int i = 240; i < 300; ++i)
-        out->ReqMin[i] = static_cast<std::uint64_t>(i - 239);
-    out->ReqMin[239] = 1000000;
-    aggregate(req, 0, at(5, 0, 0));
-    EXPECT_EQ(out->ReqHour[5], 1830u);
-    EXPECT_FLOAT_EQ(out->ReqHourSum, 1830.0f);
+    for (std::size_t i = 240; i < 300; ++i)
+        req.minutes[i] = i - 239;
+    req.minutes[239] = 1000000;
+    req.add(0, at(5, 0, 0));
+    EXPECT_EQ(req.hours[5], 1830u);
+    EXPECT_FLOAT_EQ(req.hourSum, 1830.0f);
 
     // 00:10:00: the rolling hour wraps from slot 0 back to slot 1390.
-    for (auto &slot : out->ReqMin)
-        slot = 1;
-    out->ReqMin[1389] = 1000;
-    aggregate(req, 0, at(0, 10, 0));
-    EXPECT_FLOAT_EQ(out->ReqHourSum, 60.0f);
+    req.minutes.fill(1);
+    req.minutes[1389] = 1000;
+    req.add(0, at(0, 10, 0));
+    EXPECT_FLOAT_EQ(req.hourSum, 60.0f);
 
     // 00:00:00 on the 1st: hour 23 first, then the day of all 24 hours.
-    for (auto &slot : out->ReqHour)
-        slot = 10;
-    for (int i = 1380; i < 1440; ++i)
-        out->ReqMin[i] = 2;
-    aggregate(req, 0, at(0, 0, 0, 1));
-    EXPECT_EQ(out->ReqHour[0], 120u);
-    EXPECT_EQ(out->ReqDay[1], 23u * 10 + 120);
+    req.hours.fill(10);
+    for (std::size_t i = 1380; i < 1440; ++i)
+        req.minutes[i] = 2;
+    req.add(0, at(0, 0, 0, 1));
+    EXPECT_EQ(req.hours[0], 120u);
+    EXPECT_EQ(req.days[1], 23u * 10 + 120);
 }
 
 class StatisticsTest : public BoardTest {
@@ -63,25 +61,26 @@ class StatisticsTest : public BoardTest {
     {
         board.writeFile("/usr/bin/Zarvent/enable.cfg", "1\n");
     }
-    StatCapture capture{board, runner, registers};
-    PacketCounters counters{board, registers, shared, capture};
-    StatusPage page{board, runner, shared};
+    StatCapture &capture = parts.capture;
+    PacketCounters &counters = parts.counters;
 };
 
 TEST_F(StatisticsTest, MissingReadingCountsAsZero)
 {
     board.writeFile("/usr/bin/Zarvent/enable.cfg", "0\n");
-    shared.Stat_Out.RespAvg = 10.0f;
+    const PacketHistory &history = counters.history();
+    board.setRegister(26, 10);
+    counters.readCounters(kStart + 6);
     board.setRegister(26, 65535);
     board.setRegister(24, 41);
-    counters.Stat_read(kStart + 7);
-    EXPECT_EQ(shared.Stat_Out.RespSec[7], 0u);
-    EXPECT_FLOAT_EQ(shared.Stat_Out.RespAvg, 5.0f);
-    EXPECT_EQ(shared.Stat_Out.ReqSec[7], 41u); // read with the flag off too
+    counters.readCounters(kStart + 7);
+    EXPECT_EQ(history.responses.seconds[7], 0u);
+    EXPECT_FLOAT_EQ(history.responses.average, 2.5f);
+    EXPECT_EQ(history.requests.seconds[7], 41u); // read with the flag off too
     EXPECT_EQ(board.spiExchanges(), 0);
     board.setRegisterToolFault(sim::RegisterToolFault::Garbage);
-    counters.Stat_read(kStart + 8);
-    EXPECT_EQ(shared.Stat_Out.ReqSec[8], 0u);
+    counters.readCounters(kStart + 8);
+    EXPECT_EQ(history.requests.seconds[8], 0u);
 }
 
 TEST_F(StatisticsTest, ExchangeEverySecondCycle)
@@ -89,12 +88,12 @@ TEST_F(StatisticsTest, ExchangeEverySecondCycle)
     board.setRegister(48, 0x10);
     board.setRegister(26, 0x1234);
     board.setRegister(24, 0x0129);
-    capture.Stat_capture();
+    capture.capture();
     EXPECT_EQ(board.spiExchanges(), 0);
     EXPECT_EQ(registerWrites(), std::vector<std::string>{"./spiWrite -m 1 -l 3 -d 1 1 20 0"});
-    capture.Stat_capture();
+    capture.capture();
     EXPECT_EQ(board.spiExchanges(), 1);
-    capture.Stat_capture();
+    capture.capture();
     EXPECT_EQ(board.spiExchanges(), 1);
 
     const sim::SpiRecord spi = board.lastSpi();
@@ -130,11 +129,10 @@ TEST_F(StatisticsTest, DeviceFailureEndsTheDaemonWithThePreviousStatFile)
         failing.writeFile("/ftpdir/stat.txt", "previous\n");
         failing.failSpi(op);
         Runner r(failing);
-        SharedState s;
-        Registers regs(failing, r, s);
+        Registers regs(failing, r);
         StatCapture c(failing, r, regs);
-        c.Stat_capture();
-        EXPECT_THROW(c.Stat_capture(), sim::SimulationEnded);
+        c.capture();
+        EXPECT_THROW(c.capture(), sim::SimulationEnded);
         EXPECT_TRUE(failing.aborted());
         EXPECT_EQ(failing.errorOutput().rfind(message, 0), 0u) << failing.errorOutput();
         EXPECT_EQ(failing.readFile("/ftpdir/stat.txt"), "previous\n");
@@ -145,8 +143,8 @@ TEST_F(StatisticsTest, DeviceFailureEndsTheDaemonWithThePreviousStatFile)
 TEST_F(StatisticsTest, StatFileThatCannotBeOpenedLosesOneExchange)
 {
     board.failOpen("/ftpdir/stat.txt", EACCES);
-    capture.Stat_capture();
-    capture.Stat_capture();
+    capture.capture();
+    capture.capture();
     EXPECT_EQ(board.spiExchanges(), 1);
     EXPECT_FALSE(board.exists("/ftpdir/lock"));
     EXPECT_EQ(capture.phase(), 0);
@@ -156,35 +154,37 @@ class PageTest : public StatisticsTest {
   protected:
     PageTest()
     {
-        shared.put(co::kNow, std::string("Nov 16 2026 13:27:46.121") + '\0');
-        shared.put(co::kEvent, std::string("Nov 16 2026 13:27:00.004") + '\0');
-        shared.put(co::kRefName, std::string("GPS+GLONASS") + '\0');
-        shared.put(co::kOffset, std::string("-50") + '\0');
-        shared.setByte(co::kAntenna, 7);
-        shared.Jitter = 12;
-        shared.setTimeinfo(at(13, 27, 46));
-        StatOut &st = shared.Stat_Out;
-        st.ReqSec[45] = 41;
-        st.RespSec[45] = 38;
-        st.ReqAvg = 40.5f;
-        st.RespAvg = 37.25f;
-        st.ReqMin[807] = 0x100000960; // only the low 32 bits show
-        st.RespMin[807] = 2300;
-        st.ReqMinSum = 2410.0f;
-        st.RespMinSum = 2290.0f;
-        st.ReqHour[13] = 5000000000;
-        st.RespHour[13] = 4;
-        st.ReqHourSum = 4858.0f;
-        st.RespHourSum = 4582.0f;
-        st.ReqDay[16] = 7;
-        st.RespDay[16] = 8;
+        shared.setNow("Nov 16 2026 13:27:46.121", "eea58352.1f2e3d4c ");
+        shared.setEvent("Nov 16 2026 13:27:00.004", "eea58324.01000000 ");
+        shared.setReference("GPS+GLONASS");
+        shared.antennaCode = 7;
+        shared.jitterNs = 12;
+        shared.setCycleTime(at(13, 27, 46));
+        CounterHistory &req = packets->requests;
+        CounterHistory &resp = packets->responses;
+        req.seconds[45] = 41;
+        resp.seconds[45] = 38;
+        req.average = 40.5f;
+        resp.average = 37.25f;
+        req.minutes[807] = 0x100000960; // only the low 32 bits show
+        resp.minutes[807] = 2300;
+        req.minuteSum = 2410.0f;
+        resp.minuteSum = 2290.0f;
+        req.hours[13] = 5000000000;
+        resp.hours[13] = 4;
+        req.hourSum = 4858.0f;
+        resp.hourSum = 4582.0f;
+        req.days[16] = 7;
+        resp.days[16] = 8;
     }
+    std::unique_ptr<PacketHistory> packets = std::make_unique<PacketHistory>();
+    StatusPage page{board, runner, shared, *packets};
 };
 
 TEST_F(PageTest, PageAsTheWebInterfaceReadsIt)
 {
     board.writeFile("/usr/bin/Zarvent/nmea_emul_flag.txt", "1abc\n");
-    page.FileWrite();
+    page.write(-50);
     EXPECT_EQ(file("/ramcache/zarvent/ntp_data.txt"),
               "<b>UTC</b>\t\t<b>Date:</b>\tNov 16 2026\n\t\t<b>Time:</b>\t13:27:46\n"
               "<b>Current Offset [ns]:</b>\t-50\n<b>Mean Offset [ns]:</b>\t0\n"
@@ -199,26 +199,26 @@ TEST_F(PageTest, PageAsTheWebInterfaceReadsIt)
               "<b>Request per Day:</b>\t7\n<b>Response per Day:</b>\t8\n"
               "\n<b>Antenna:</b> Ok\n<b>GPS Emulation:</b>\tOn\nNov 16 2026\n13:27:46\n");
     EXPECT_FALSE(board.exists("/ramcache/zarvent/lock"));
-    EXPECT_EQ(page.filter().z_prev, 0.0f); // not steering: the filter rests
+    EXPECT_EQ(page.filter().meanState, 0.0f); // not steering: the filter rests
 }
 
 TEST_F(PageTest, MeanAndJitterWhileSteering)
 {
-    shared.Sync_En = 1;
-    shared.Alarm = 1;
-    shared.setTimeinfo(at(13, 28, 0));
-    shared.Stat_Out.ReqSec[59] = 17;
-    page.FileWrite();
+    shared.steering = true;
+    shared.alarm = true;
+    shared.setCycleTime(at(13, 28, 0));
+    packets->requests.seconds[59] = 17;
+    page.write(-50);
     const std::string text = file("/ramcache/zarvent/ntp_data.txt");
     EXPECT_NE(text.find("<b>Alarm at:</b> \t<b>Date:</b>"), std::string::npos);
     EXPECT_NE(text.find("<b>Request per Second:</b>\t17\t"), std::string::npos);
     EXPECT_NE(text.find("<b>Mean Offset [ns]:</b>\t0\n<b>Jitter [ns]:</b>\t\t2\n"),
               std::string::npos);
-    EXPECT_EQ(shared.Jitter, 2);
+    EXPECT_EQ(shared.jitterNs, 2);
     EXPECT_NE(text.find("<b>GPS Emulation:</b>\tOff\n"), std::string::npos);
     // A flag file without a number is not "on".
     board.writeFile("/usr/bin/Zarvent/nmea_emul_flag.txt", "x\n");
-    page.FileWrite();
+    page.write(-50);
     EXPECT_NE(file("/ramcache/zarvent/ntp_data.txt").find("<b>GPS Emulation:</b>\tOff\n"),
               std::string::npos);
 }
@@ -227,16 +227,16 @@ TEST_F(PageTest, MeanAndJitterWhileSteering)
 // whole for the web interface.
 TEST_F(PageTest, PageThatCannotBeMade)
 {
-    shared.Sync_En = 1;
+    shared.steering = true;
     board.writeFile("/ramcache/zarvent/ntp_data.txt", "the last page\n");
     board.writeFile("/ramcache/zarvent/lock", "");
     board.setRamDiskFull(false, true);
-    page.FileWrite();
+    page.write(-50);
     EXPECT_EQ(board.errorOutput(), "Cannot open file\n: No space left on device\n");
     EXPECT_EQ(file("/ramcache/zarvent/ntp_data.txt"), "the last page\n");
     EXPECT_TRUE(board.exists("/ramcache/zarvent/lock"));
-    EXPECT_EQ(page.filter().z_prev, 0.0f);
-    EXPECT_EQ(shared.Jitter, 12);
+    EXPECT_EQ(page.filter().meanState, 0.0f);
+    EXPECT_EQ(shared.jitterNs, 12);
 }
 
 } // namespace

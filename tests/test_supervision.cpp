@@ -6,7 +6,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "supervision/ThreadLED.h"
+#include "supervision/supervision_loop.h"
 #include "supervision/antenna.h"
 #include "supervision/factory.h"
 #include "supervision/leap.h"
@@ -23,9 +23,9 @@ class SupervisionTest : public BoardTest {
         for (int line : {79, 86, 87, 88})
             board.provideLine(line, false, 1);
         board.setFpgaConfigured(true);
-        shared.setTimeinfo(*board.localTime(kStart));
+        shared.setCycleTime(*board.localTime(kStart));
         board.writeFile("/leap-seconds.list", "3692217600\t37\t# 1 Jan 2017\n");
-        supervision.init_gpio_input();
+        supervision.setup();
         board.clearCommands();
     }
     std::size_t count(const std::string &line) const
@@ -38,7 +38,8 @@ class SupervisionTest : public BoardTest {
                "/value";
     }
 
-    SupervisionThread supervision{board, runner, gpio, registers, shared};
+    SupervisionLoop supervision{board,         runner,         gpio,         registers,
+                               shared,        parts.alarm,    parts.antenna, parts.factory};
 };
 
 TEST_F(SupervisionTest, SetupLeavesTheDacLinesAlone)
@@ -47,7 +48,7 @@ TEST_F(SupervisionTest, SetupLeavesTheDacLinesAlone)
     EXPECT_EQ(board.direction(88), "in");
     for (int line : {96, 106, 118})
         EXPECT_FALSE(board.exported(line)) << line;
-    EXPECT_EQ(shared.Leap_Time.load(), 37);
+    EXPECT_EQ(shared.taiOffset.load(), 37);
 }
 
 TEST_F(SupervisionTest, ReferenceChangesAreLogged)
@@ -66,11 +67,11 @@ TEST_F(SupervisionTest, ReferenceChangesAreLogged)
     march.tm_hour = 9;
     march.tm_min = 5;
     march.tm_sec = 12;
-    shared.setTimeinfo(march);
+    shared.setCycleTime(march);
     supervision.pass();
     EXPECT_EQ(board.level(72), 1);
     EXPECT_EQ(board.level(73), 1);
-    EXPECT_EQ(shared.text(co::kRefName, 17), "GPS+GLONASS");
+    EXPECT_EQ(shared.reference(), "GPS+GLONASS");
     EXPECT_EQ(file(kLog), "16.11 13:27:00 Reference time: GPS+GLONASS\n"
                           "16.11 13:27:00 Reference time: GPS+GLONASS 1PPS\n"
                           "07.03 09:05:12 Reference time: GPS+GLONASS\n");
@@ -87,22 +88,22 @@ TEST_F(SupervisionTest, ErrorLogIsBounded)
 
 TEST_F(SupervisionTest, ReferenceValidBitAndAlarm)
 {
-    const std::string start = shared.get(co::kEvent, 25);
+    const std::string start = shared.event().time;
     board.setRegister(2, 0x1E);
     board.setPeer(sim::Peer::None);
     supervision.pass(); // no reference: the loop clears the bit, the alarm begins
     EXPECT_EQ(registerWrites(), (std::vector<std::string>{"./spiWrite -m 1 -l 3 -d 1 2 30 0",
                                                           "./spiWrite -m 1 -l 3 -d 1 2 30 0"}));
-    EXPECT_EQ(shared.Alarm.load(), 1);
+    EXPECT_TRUE(shared.alarm);
     EXPECT_EQ(board.level(76), 1);
     EXPECT_EQ(board.level(77), 0);
-    const std::string alarmAt = shared.get(co::kEvent, 25);
+    const std::string alarmAt = shared.event().time;
     EXPECT_NE(alarmAt, start);
 
     board.clearCommands();
     board.setNowUs(board.nowUs() + 5'000'000);
     supervision.pass(); // still in alarm: the time stays, the bit is left alone
-    EXPECT_EQ(shared.get(co::kEvent, 25), alarmAt);
+    EXPECT_EQ(shared.event().time, alarmAt);
     EXPECT_EQ(registerWrites().size(), 1u);
 
     board.setPeer(sim::Peer::System);
@@ -112,23 +113,23 @@ TEST_F(SupervisionTest, ReferenceValidBitAndAlarm)
     supervision.pass();
     EXPECT_EQ(registerWrites(), (std::vector<std::string>{"./spiWrite -m 1 -l 3 -d 1 2 31 0",
                                                           "./spiWrite -m 1 -l 3 -d 1 2 31 0"}));
-    EXPECT_EQ(shared.Alarm.load(), 1);
+    EXPECT_TRUE(shared.alarm);
 
     board.setInput(176, 1);
     board.setNowUs(board.nowUs() + 5'000'000);
     supervision.pass(); // clear: the time the alarm ended
-    EXPECT_EQ(shared.Alarm.load(), 0);
-    EXPECT_NE(shared.get(co::kEvent, 25), alarmAt);
+    EXPECT_FALSE(shared.alarm);
+    EXPECT_NE(shared.event().time, alarmAt);
     EXPECT_EQ(board.level(76), 0);
     EXPECT_EQ(board.level(77), 1);
 }
 
 TEST_F(SupervisionTest, FirstClearPassKeepsTheStartTime)
 {
-    shared.put(co::kEvent, std::string("Nov 16 2026 13:26:58.000") + '\0');
+    shared.setEvent("Nov 16 2026 13:26:58.000", "eea58322.00000000 ");
     supervision.pass();
-    EXPECT_EQ(shared.dateTime(co::kEvent).time, "13:26:58");
-    EXPECT_EQ(shared.Alarm.load(), 0);
+    EXPECT_EQ(shared.event().time, "13:26:58");
+    EXPECT_FALSE(shared.alarm);
 }
 
 TEST_F(SupervisionTest, IndicatorTestHoldsThePass)
@@ -148,15 +149,15 @@ TEST_F(SupervisionTest, IndicatorTestHoldsThePass)
 
 TEST_F(SupervisionTest, AntennaCodesAndHoldOff)
 {
-    AntennaMonitor &antenna = supervision.antenna();
+    AntennaMonitor &antenna = parts.antenna;
     struct {
         int l86, l87, code, l74, l75;
     } cases[] = {{1, 1, 7, 0, 1}, {0, 1, 6, 1, 0}};
     for (const auto &c : cases) {
         board.setInput(86, c.l86);
         board.setInput(87, c.l87);
-        antenna.ControlAntenna();
-        EXPECT_EQ(shared.byte(co::kAntenna), c.code);
+        antenna.check();
+        EXPECT_EQ(shared.antennaCode, c.code);
         EXPECT_EQ(board.level(74), c.l74);
         EXPECT_EQ(board.level(75), c.l75);
         EXPECT_EQ(board.level(85), 1);
@@ -164,15 +165,15 @@ TEST_F(SupervisionTest, AntennaCodesAndHoldOff)
     board.setInput(86, 1);
     board.setInput(87, 0); // a short at second 100
     board.setNowUs(100'000'000);
-    antenna.ControlAntenna();
-    EXPECT_EQ(shared.byte(co::kAntenna), 5);
+    antenna.check();
+    EXPECT_EQ(shared.antennaCode, 5);
     EXPECT_EQ(board.level(85), 0);
     board.setNowUs(104'900'000);
-    antenna.ControlAntenna();
-    EXPECT_EQ(shared.byte(co::kAntenna), 1); // held off: neither Ok, Off nor Short
+    antenna.check();
+    EXPECT_EQ(shared.antennaCode, 1); // held off: neither Ok, Off nor Short
     EXPECT_EQ(board.level(85), 0);
     board.setNowUs(105'000'000);
-    antenna.ControlAntenna();
+    antenna.check();
     EXPECT_EQ(board.level(85), 1);
     EXPECT_FALSE(antenna.heldOff());
 }
@@ -184,14 +185,14 @@ TEST_F(SupervisionTest, FactoryDefaultOnlyForAPressedButton)
     board.writeFile("/usr/bin/Zarvent/defcnfg", "factory ntp\n");
     board.writeFile("/usr/bin/Zarvent/resolv.conf", "nameserver 192.168.2.1\n");
     board.writeFile("/usr/bin/Zarvent/interfaces", "iface eth0\n");
-    EXPECT_FALSE(factory.NtpDefault());
+    EXPECT_FALSE(factory.restoreOnPress());
     board.failOpen("/sys/class/gpio/gpio88/value", EIO);
-    EXPECT_FALSE(factory.NtpDefault());
+    EXPECT_FALSE(factory.restoreOnPress());
     EXPECT_TRUE(board.commands().empty());
 
     board.failOpen("/sys/class/gpio/gpio88/value", 0);
     board.setInput(88, 0);
-    EXPECT_TRUE(factory.NtpDefault());
+    EXPECT_TRUE(factory.restoreOnPress());
     EXPECT_EQ(lines(), (std::vector<std::string>{
                            echo(78, 1), "ifconfig eth0 192.168.2.100 netmask 255.255.255.0",
                            "cd /etc", "mv -f /etc/ntp.conf /etc/ntp.conf.bak",
@@ -211,7 +212,7 @@ TEST_F(SupervisionTest, LeapSecondList)
 {
     auto leap = [&](const std::string &list) {
         board.writeFile("/leap-seconds.list", list);
-        return Parse_File(board, runner);
+        return readTaiOffset(board, runner);
     };
     EXPECT_EQ(leap("#$\t3676924800\n3644697600\t36\t# 1 Jul 2015\n3692217600\t37\t# 1 Jan "
                    "2017\n#@\t3928521600\n#h\t0 0 0 0 0\n"),
@@ -227,7 +228,7 @@ TEST_F(SupervisionTest, LeapSecondList)
     EXPECT_EQ(leap("3692217600\t37\t# 1 Jan 2017\n"), -1);
     board.setReadOnly("/usr/bin/Zarvent", false);
     board.failOpen("/leap-seconds.list", ENOENT);
-    EXPECT_EQ(Parse_File(board, runner), -1);
+    EXPECT_EQ(readTaiOffset(board, runner), -1);
     board.failOpen("/leap-seconds.list", 0);
     // Debian's copy separates its columns with blanks.
     std::ifstream debian("/usr/share/zoneinfo/leap-seconds.list");

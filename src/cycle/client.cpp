@@ -1,6 +1,7 @@
 #include "cycle/client.h"
 
-#include "hardware/gpio_work.h"
+#include "hardware/board_map.h"
+#include "hardware/gpio.h"
 #include "hardware/registers.h"
 
 namespace zarvent {
@@ -9,24 +10,23 @@ namespace {
 constexpr unsigned kFlashMicroseconds = 300;
 } // namespace
 
-void ClientIndicator::Service()
+void ClientIndicator::switchOff()
 {
-    gpio_.echoLevel(70, 0);
-    gpio_.echoLevel(71, 0);
+    gpio_.echoLevel(pin::kClientOff, 0);
+    gpio_.echoLevel(pin::kClientOn, 0);
 }
 
-void ClientIndicator::ReadNtpCli()
+void ClientIndicator::flashOnResponses()
 {
     // Only the first data byte, the low byte, counts. A read that failed
     // counts as 0, so the indicator stays dark.
-    const auto responses = registers_.read(reg::kRead26, 5, 2);
+    const auto responses = registers_.readCounter(fpga::kResponseCounter);
     if (responses && (*responses & 0xFF) != 0) {
-        gpio_.echoLevel(70, 0);
-        gpio_.echoLevel(71, 1);
+        gpio_.echoLevel(pin::kClientOff, 0);
+        gpio_.echoLevel(pin::kClientOn, 1);
         platform_.sleepMicroseconds(kFlashMicroseconds);
     }
-    gpio_.echoLevel(70, 0);
-    gpio_.echoLevel(71, 0);
+    switchOff();
 }
 
 } // namespace zarvent

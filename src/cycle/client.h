@@ -15,9 +15,9 @@ class ClientIndicator {
     {}
 
     // Lines 70 and 71 off.
-    void Service();
+    void switchOff();
     // Reads register 26 and flashes line 71 when its low byte is not zero.
-    void ReadNtpCli();
+    void flashOnResponses();
 
   private:
     Platform &platform_;

@@ -1,11 +1,8 @@
 #include "cycle/offset.h"
 
-#include <string>
-
-#include "daemon/shared.h"
-#include "hardware/parsers.h"
 #include "hardware/registers.h"
-#include "hardware/runner.h"
+#include "ntp/ntp_queries.h"
+#include "state/shared_state.h"
 
 namespace zarvent {
 
@@ -14,7 +11,6 @@ namespace {
 constexpr std::uint32_t kNoMeasurementAbove = 4277071597u; // 0xFEEEEEED
 constexpr std::int32_t kHalfSecondNs = 500000000;
 constexpr std::int32_t kSecondNs = 1000000000;
-constexpr std::size_t kOffsetText = 8;
 constexpr std::int32_t kJitterBlock = 128;
 constexpr std::uint32_t kValidCycles = 60;
 
@@ -41,61 +37,45 @@ std::int32_t foldPhase(std::uint32_t raw)
     return wrap32(0u - xu);
 }
 
-std::int32_t OffsetReadout::ControlOffset()
+std::int32_t OffsetReadout::readOffset()
 {
     // A read that failed is taken as no measurement, offset 0: the steering
     // then sees no error and its integral does not grow from a value that did
     // not come from the FPGA.
-    const auto raw = registers_.read(reg::kRead14, 6, 4);
-    const std::int32_t offset = raw ? foldPhase(static_cast<std::uint32_t>(*raw)) : 0;
-
-    std::string text = std::to_string(offset);
-    if (text.size() > kOffsetText)
-        text.resize(kOffsetText); // the record holds 8 characters: -500000000 reads -5000000
-    text.push_back('\0');
-    shared_.put(co::kOffset, text);
-
-    if (offset > Max)
-        Max = offset;
-    if (offset < Min)
-        Min = offset;
-    ++n;
-    if (n >= kJitterBlock) {
-        shared_.Jitter = wrap32(static_cast<std::uint32_t>(Max) - static_cast<std::uint32_t>(Min));
-        Max = offset;
-        Min = offset;
-        n = 0;
+    const auto raw = registers_.readPhase();
+    const std::int32_t offset = raw ? foldPhase(*raw) : 0;
+    if (offset > blockMax_)
+        blockMax_ = offset;
+    if (offset < blockMin_)
+        blockMin_ = offset;
+    ++blockCycles_;
+    if (blockCycles_ >= kJitterBlock) {
+        shared_.jitterNs =
+            wrap32(static_cast<std::uint32_t>(blockMax_) - static_cast<std::uint32_t>(blockMin_));
+        blockMax_ = offset;
+        blockMin_ = offset;
+        blockCycles_ = 0;
     }
     return offset;
 }
 
-void OffsetReadout::writeSyncBit(bool set)
+void OffsetReadout::qualifyReceiver()
 {
-    // Register 1 takes register 2's value with bit 0 set or cleared; a read
-    // of register 2 that failed is not written anywhere.
-    const auto control = registers_.Read_Control();
-    if (!control)
-        return;
-    registers_.write(1, set ? (*control | 1u) : (*control & ~1u), PipeMode::Read);
-}
-
-void OffsetReadout::Nav_Parse()
-{
-    const CommandLines out = runner_.readLines("ntpq -c clockvar", 3);
-    if (!out.started)
+    switch (readReceiverStatus(runner_)) {
+    case ReceiverStatus::Unknown:
         return; // ntpq cannot be started: nothing changes
-    // Fewer than three lines, or a third line without the receiver's RMC
-    // sentence, is a cycle without valid data.
-    if (out.count < 3 || !rmcStatusValid(out.last)) {
-        shared_.Sync_En = 0;
-        sync_count = 0;
-        writeSyncBit(false);
+    case ReceiverStatus::Invalid:
+        shared_.steering = false;
+        validCycles_ = 0;
+        registers_.copyControlToSync(false, PipeMode::Read);
         return;
-    }
-    if (++sync_count >= kValidCycles) {
-        shared_.Sync_En = 1;
-        sync_count = 0;
-        writeSyncBit(true);
+    case ReceiverStatus::Valid:
+        if (++validCycles_ >= kValidCycles) {
+            shared_.steering = true;
+            validCycles_ = 0;
+            registers_.copyControlToSync(true, PipeMode::Read);
+        }
+        return;
     }
 }
 

@@ -20,29 +20,28 @@ class OffsetReadout {
         : runner_(runner), registers_(registers), shared_(shared)
     {}
 
-    // Reads register 14, leaves the offset as text at `Command_Out` 53 (at
-    // most 8 characters) and keeps the peak-to-peak jitter of 128-cycle blocks.
-    std::int32_t ControlOffset();
+    // Reads register 14: the offset in ns (0 when the read failed). Keeps the
+    // peak-to-peak jitter of 128-cycle blocks.
+    std::int32_t readOffset();
     // Reads the receiver's RMC status from "ntpq -c clockvar": 60 valid cycles
-    // in a row set `Sync_En` and register 1 bit 0, an invalid one clears both.
-    void Nav_Parse();
+    // in a row enable steering and set register 1 bit 0, an invalid one
+    // disables both.
+    void qualifyReceiver();
 
     // Valid receiver cycles in a row so far (60 qualify).
     std::uint32_t validCycles() const
     {
-        return sync_count;
+        return validCycles_;
     }
 
   private:
-    void writeSyncBit(bool set);
-
     Runner &runner_;
     Registers &registers_;
     SharedState &shared_;
-    std::int32_t Max = 0;
-    std::int32_t Min = 0;
-    std::int32_t n = 0;
-    std::uint32_t sync_count = 0;
+    std::int32_t blockMax_ = 0;
+    std::int32_t blockMin_ = 0;
+    std::int32_t blockCycles_ = 0;
+    std::uint32_t validCycles_ = 0;
 };
 
 } // namespace zarvent

@@ -14,18 +14,20 @@ class RelayReset {
     explicit RelayReset(Registers &registers) : registers_(registers) {}
 
     // One cycle's look at the flags; nowSeconds is the cycle's time.
-    void Relay_Reset(std::int64_t nowSeconds);
+    void acknowledge(std::int64_t nowSeconds);
 
   private:
+    // An event flag seen and not yet acknowledged, since when.
+    struct PendingEvent {
+        bool pending = false;
+        std::int64_t since = 0;
+    };
+    void expire(PendingEvent &event, unsigned bit, std::int64_t nowSeconds);
     void pulse(unsigned bit);
 
     Registers &registers_;
-    std::uint32_t flags = 0;
-    std::uint8_t over_1 = 0;
-    std::uint8_t over_2 = 0;
-    std::int64_t event1 = 0;
-    std::int64_t event2 = 0;
-    std::int64_t now = 0;
+    PendingEvent first_;
+    PendingEvent second_;
 };
 
 } // namespace zarvent

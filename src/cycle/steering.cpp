@@ -2,15 +2,15 @@
 
 #include <algorithm>
 #include <cfloat>
-#include <climits>
 #include <cstdio>
 #include <vector>
 
-#include "daemon/files.h"
-#include "daemon/shared.h"
+#include "hardware/board_map.h"
 #include "hardware/dac.h"
 #include "hardware/parsers.h"
 #include "hardware/registers.h"
+#include "platform/files.h"
+#include "state/shared_state.h"
 
 // The law must give the same codes on the board as on a PC: products rounded
 // to double before they are added (the build uses -ffp-contract=off) and no
@@ -27,18 +27,6 @@ constexpr const char *kCentreFile = "/usr/bin/Zarvent/dac_voltage";
 constexpr long kOffsetLimit = 10000;
 constexpr std::int32_t kDacMax = 65535;
 
-// Truncation toward zero, saturated at the 32-bit limits.
-std::int32_t toInt32(double v)
-{
-    if (v >= 2147483648.0)
-        return INT32_MAX;
-    if (v <= -2147483649.0)
-        return INT32_MIN;
-    if (v != v)
-        return 0;
-    return static_cast<std::int32_t>(v);
-}
-
 std::string twoDigits(int v)
 {
     return formatText("%02d", v);
@@ -46,26 +34,27 @@ std::string twoDigits(int v)
 
 } // namespace
 
-SteeringStep steeringLaw(std::int32_t centre, long offset, std::int32_t summPrev, std::int64_t intg)
+SteeringStep steeringLaw(std::int32_t centre, long offset, std::int32_t previousFiltered,
+                         std::int64_t integral)
 {
     SteeringStep r;
-    r.e = static_cast<std::int32_t>(std::clamp(offset, -kOffsetLimit, kOffsetLimit));
-    double filtered = 0.95 * static_cast<double>(summPrev);
-    filtered = filtered + 0.05 * static_cast<double>(r.e);
-    r.S = toInt32(filtered);
-    r.Intg = intg + r.e + r.S;
-    r.d = std::int64_t{r.S} - r.e;
+    r.error = static_cast<std::int32_t>(std::clamp(offset, -kOffsetLimit, kOffsetLimit));
+    double filtered = 0.95 * static_cast<double>(previousFiltered);
+    filtered = filtered + 0.05 * static_cast<double>(r.error);
+    r.filtered = saturateToInt32(filtered);
+    r.integral = integral + r.error + r.filtered;
+    r.difference = std::int64_t{r.filtered} - r.error;
     double u = static_cast<double>(centre);
-    u = u + 0.4 * static_cast<double>(r.S);
-    u = u + 0.005 * static_cast<double>(r.Intg);
-    u = u - 0.05 * static_cast<double>(r.d);
-    r.u = toInt32(u);
+    u = u + 0.4 * static_cast<double>(r.filtered);
+    u = u + 0.005 * static_cast<double>(r.integral);
+    u = u - 0.05 * static_cast<double>(r.difference);
+    r.control = saturateToInt32(u);
     return r;
 }
 
-std::uint32_t dacCode(std::int32_t u)
+std::uint32_t dacCode(std::int32_t control)
 {
-    return static_cast<std::uint32_t>(std::clamp(u, 0, kDacMax));
+    return static_cast<std::uint32_t>(std::clamp(control, 0, kDacMax));
 }
 
 std::string chartFileName(const std::tm &t)
@@ -101,16 +90,16 @@ void Steering::loadCentre()
     if (!text)
         return;
     if (const auto value = parseDecimal(*text))
-        DAC_VOLTAGE = *value;
+        centre_ = *value;
 }
 
-void Steering::DAC_DEFAULTS()
+void Steering::sendDefaults()
 {
     loadCentre();
-    dac_.SPIWriteInt(4, 2048);
+    dac_.writeWord(dac::kReference, dac::kReferenceValue);
     // A negative centre is sent as 0, never as a huge unsigned number.
-    codeSent_ = dacCode(DAC_VOLTAGE);
-    dac_.SPIWriteInt(3, codeSent_);
+    codeSent_ = dacCode(centre_);
+    dac_.writeWord(dac::kLoadCode, codeSent_);
 }
 
 void Steering::trimCharts(const std::string &current)
@@ -158,7 +147,7 @@ void Steering::trimCharts(const std::string &current)
 
 void Steering::chartPoint(std::int32_t offset)
 {
-    const std::tm t = shared_.getTimeinfo();
+    const std::tm t = shared_.cycleTime();
     const std::string name = chartFileName(t);
     if (name != lastChart_) {
         // A new minute starts a new file: room is made before it is created,
@@ -176,23 +165,20 @@ void Steering::chartPoint(std::int32_t offset)
     file.close();
 }
 
-void Steering::Calculate_offset()
+void Steering::steer(std::int32_t offsetNs)
 {
     loadCentre();
-    // The offset text ControlOffset left at position 53 this cycle.
-    const long offset = parseDecimal(shared_.text(co::kOffset, 9)).value_or(0);
-    const SteeringStep s = steeringLaw(DAC_VOLTAGE, offset, Summ_prev, Intg);
-    Sync_Offset = s.e;
-    Intg = s.Intg;
-    Summ_prev = s.S;
-    Save_Sync = s.u;
-    chartPoint(Sync_Offset);
-    Save_Sync = static_cast<std::int32_t>(dacCode(Save_Sync));
-    // Register 1 = register 2 with bit 0 set; a failed read is not written.
-    if (const auto control = registers_.Read_Control())
-        registers_.write(1, *control | 1u, PipeMode::Write);
-    codeSent_ = static_cast<unsigned>(Save_Sync);
-    dac_.SPIWriteInt(3, codeSent_);
+    const SteeringStep s = steeringLaw(centre_, offsetAsShown(offsetNs), filtered_, integral_);
+    integral_ = s.integral;
+    filtered_ = s.filtered;
+    chartPoint(s.error);
+    code_ = static_cast<std::int32_t>(dacCode(s.control));
+    // Register 1 = register 2 with the sync bit set; a failed read is not
+    // written.
+    if (const auto control = registers_.readControl())
+        registers_.write(fpga::kSyncRegister, *control | fpga::kSyncBit, PipeMode::Write);
+    codeSent_ = static_cast<unsigned>(code_);
+    dac_.writeWord(dac::kLoadCode, codeSent_);
 }
 
 } // namespace zarvent

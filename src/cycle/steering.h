@@ -46,16 +46,16 @@ inline constexpr const char *kDirectory = "/ramcache/zarvent";
 // One second of the control law, from the centre code, the offset read, the
 // previous filtered offset and the integral.
 struct SteeringStep {
-    std::int32_t e = 0;    // the offset clamped to -10000..10000 ns (`Sync_Offset`)
-    std::int32_t S = 0;    // the filtered offset (the next `Summ_prev`)
-    std::int64_t Intg = 0; // the integral after this second
-    std::int64_t d = 0;    // the difference S - e
-    std::int32_t u = 0;    // the control value before the DAC clamp (`Save_Sync`)
+    std::int32_t error = 0;      // the offset clamped to -10000..10000 ns
+    std::int32_t filtered = 0;   // the filtered offset, the next second's previous
+    std::int64_t integral = 0;   // the integral after this second
+    std::int64_t difference = 0; // filtered - error
+    std::int32_t control = 0;    // the control value before the DAC clamp
 };
-SteeringStep steeringLaw(std::int32_t centre, long offset, std::int32_t summPrev,
-                         std::int64_t intg);
+SteeringStep steeringLaw(std::int32_t centre, long offset, std::int32_t previousFiltered,
+                         std::int64_t integral);
 // The code clamped to the DAC's range 0..65535.
-std::uint32_t dacCode(std::int32_t u);
+std::uint32_t dacCode(std::int32_t control);
 // The chart file of the minute of local time t.
 std::string chartFileName(const std::tm &t);
 // True for the name of a chart file of a minute ("ptp_data_2026~11~16_14-05"),
@@ -68,18 +68,18 @@ class Steering {
 
     // Loads the centre code, then sends DAC command 4 with 2048 and command 3
     // with the centre.
-    void DAC_DEFAULTS();
-    // One steered second: the new code, register 1 bit 0, the DAC word and a
-    // chart point.
-    void Calculate_offset();
+    void sendDefaults();
+    // One steered second from this cycle's offset: the new code, register 1
+    // bit 0, the DAC word and a chart point.
+    void steer(std::int32_t offsetNs);
 
     std::int32_t centre() const
     {
-        return DAC_VOLTAGE;
+        return centre_;
     }
     std::int32_t code() const
     {
-        return Save_Sync;
+        return code_;
     }
     // The code the DAC holds: the centre from start-up, then each steered
     // second's code (it keeps the last one when steering stops).
@@ -102,14 +102,13 @@ class Steering {
     Registers &registers_;
     Dac &dac_;
     SharedState &shared_;
-    std::int32_t DAC_VOLTAGE = 32768;
-    std::int32_t Save_Sync = 32768;
-    std::int32_t Sync_Offset = 0;
-    std::int32_t Summ_prev = 0;
+    std::int32_t centre_ = 32768;
+    std::int32_t code_ = 32768; // the last steered second's code, clamped
+    std::int32_t filtered_ = 0;
     // 64 bits: at full-scale offset a 32-bit integral would overflow after
     // about 30 hours of steering; 20000 a second cannot fill 64 bits, and
     // every value it reaches is exact in a double.
-    std::int64_t Intg = 0;
+    std::int64_t integral_ = 0;
     std::string lastChart_;
     std::size_t chartFiles_ = 0;
     unsigned codeSent_ = 32768;

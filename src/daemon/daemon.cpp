@@ -8,30 +8,18 @@
 #include <fcntl.h>
 #include <optional>
 
-#include "cycle/ThreadINT.h"
-#include "daemon/files.h"
 #include "daemon/watchdog.h"
-#include "fpga/ThreadFPGA.h"
-#include "hardware/dac.h"
-#include "hardware/gpio_work.h"
-#include "hardware/registers.h"
-#include "hardware/runner.h"
-#include "supervision/ThreadLED.h"
+#include "platform/files.h"
 
 namespace zarvent {
 
 Daemon::Daemon(Platform &platform)
-    : platform_(platform), runner_(std::make_unique<Runner>(platform)),
-      gpio_(std::make_unique<Gpio>(platform, *runner_)),
-      registers_(std::make_unique<Registers>(platform, *runner_, shared_)),
-      dac_(std::make_unique<Dac>(platform, *gpio_)),
-      fpga_(std::make_unique<FpgaThread>(platform, *runner_, *gpio_, *registers_)),
-      supervision_(
-          std::make_unique<SupervisionThread>(platform, *runner_, *gpio_, *registers_, shared_)),
-      cycle_(std::make_unique<CycleThread>(platform, *runner_, *gpio_, *registers_, *dac_, shared_))
+    : platform_(platform), parts_(platform),
+      fpga_(platform, parts_.runner, parts_.gpio, parts_.registers),
+      supervision_(platform, parts_.runner, parts_.gpio, parts_.registers, parts_.shared,
+                   parts_.alarm, parts_.antenna, parts_.factory),
+      cycle_(parts_)
 {}
-
-Daemon::~Daemon() = default;
 
 namespace {
 
@@ -84,11 +72,11 @@ bool Daemon::lockInstance()
     return true;
 }
 
-void Daemon::CreateRAMDisk()
+void Daemon::prepareRamDisk()
 {
     // Each command is run and closed at once; its output and exit status are
     // not looked at, so a step that fails does not stop the next.
-    Runner &run = *runner_;
+    Runner &run = parts_.runner;
     const auto made = run.run("mkfs -q /dev/ram1 8192", PipeMode::Read);
     run.run("mkdir -p /ramcache", PipeMode::Read);
     const auto mounted = run.run("mount /dev/ram1 /ramcache", PipeMode::Read);
@@ -106,31 +94,30 @@ void Daemon::CreateRAMDisk()
     run.run("mkdir /ramcache/zarvent", PipeMode::Read);
     touchFile(platform_, "/ramcache/zarvent/ntp.drift");
     run.run("/sbin/agetty -h 115200 ttyO1 vt100 &", PipeMode::Read);
-    shared_.Stat_Out = StatOut{};
     run.run("/usr/bin/mversion", PipeMode::Read);
     run.run("touch /ramcache/zarvent/ptp_data_0000_00_01;"
             "touch /ramcache/zarvent/ptp_data_0000_00_02;"
             "touch /ramcache/zarvent/ptp_data_0000_00_03",
             PipeMode::Write);
 
-    // `timeinfo` is set before any thread starts; the start-time marker is
-    // named from this local time.
+    // The cycle time is set before any thread starts; the start-time marker
+    // is named from this local time.
     const std::int64_t started = platform_.realtimeNs() / 1'000'000'000;
-    shared_.startTime = started;
+    parts_.shared.startTime = started;
     const auto local = platform_.localTime(started);
     if (!local)
         return;
-    shared_.setTimeinfo(*local);
+    parts_.shared.setCycleTime(*local);
     run.run(formatText("touch /ramcache/zarvent/%02d_%02d_%d-%02d-%02d.time", local->tm_hour,
                        local->tm_min, local->tm_year + 1900, local->tm_mon + 1, local->tm_mday),
             PipeMode::Write);
 }
 
-void Daemon::CreateThreads()
+void Daemon::startThreads()
 {
-    platform_.startThread([this] { fpga_->ThreadSrvFPGA(); });
-    platform_.startThread([this] { supervision_->ThreadSrvLED(); });
-    platform_.startThread([this] { cycle_->ThreadSrvINT(); });
+    platform_.startThread([this] { fpga_.run(); });
+    platform_.startThread([this] { supervision_.run(); });
+    platform_.startThread([this] { cycle_.run(); });
 }
 
 int Daemon::run()
@@ -138,8 +125,8 @@ int Daemon::run()
     // Before any line, register or file is touched.
     if (!lockInstance())
         return 1;
-    CreateRAMDisk();
-    CreateThreads();
+    prepareRamDisk();
+    startThreads();
     superviseUntilStop();
     return 0;
 }
@@ -157,12 +144,12 @@ void Daemon::superviseUntilStop()
     ProgressWatch watch;
     const std::int64_t now = platform_.monotonicNs();
     watch.watch(
-        "FPGA", [this] { return fpga_->progress(); }, FpgaThread::kProgressBound, now);
+        "FPGA", [this] { return fpga_.progress(); }, FpgaLoader::kProgressBound, now);
     watch.watch(
-        "supervision", [this] { return supervision_->progress(); },
-        SupervisionThread::kProgressBound, now);
+        "supervision", [this] { return supervision_.progress(); },
+        SupervisionLoop::kProgressBound, now);
     watch.watch(
-        "cycle", [this] { return cycle_->progress(); }, CycleThread::kProgressBound, now);
+        "cycle", [this] { return cycle_.progress(); }, CycleLoop::kProgressBound, now);
     bool fed = true;
     while (!platform_.waitForStopRequest(look)) {
         if (!interval)

@@ -1,33 +1,25 @@
 // The daemon: its parts wired at start, the RAM disk and the three threads.
 #pragma once
 
-#include <memory>
-
-#include "daemon/shared.h"
+#include "daemon/cycle_loop.h"
+#include "daemon/parts.h"
+#include "fpga/fpga_loader.h"
 #include "platform/platform.h"
+#include "supervision/supervision_loop.h"
 
 namespace zarvent {
-
-class Runner;
-class Gpio;
-class Registers;
-class Dac;
-class FpgaThread;
-class SupervisionThread;
-class CycleThread;
 
 class Daemon {
   public:
     explicit Daemon(Platform &platform);
-    ~Daemon();
     Daemon(const Daemon &) = delete;
     Daemon &operator=(const Daemon &) = delete;
 
-    // The RAM disk, the output directory, the serial console, cleared
-    // statistics, the marker files and `timeinfo`, before any thread starts.
-    void CreateRAMDisk();
+    // The RAM disk, the output directory, the serial console, the marker
+    // files and the start time, before any thread starts.
+    void prepareRamDisk();
     // Starts the FPGA, supervision and cycle threads, in this order.
-    void CreateThreads();
+    void startThreads();
     // main(): the instance lock, both of the above, then the main thread
     // feeds systemd's watchdog while the threads progress, until the daemon
     // is asked to stop and its threads have ended. The process's exit
@@ -37,9 +29,9 @@ class Daemon {
     // holds it or it cannot be had.
     bool lockInstance();
 
-    SharedState &shared()
+    Parts &parts()
     {
-        return shared_;
+        return parts_;
     }
 
   private:
@@ -47,14 +39,10 @@ class Daemon {
 
     Platform &platform_;
     UniqueFd instanceLock_;
-    SharedState shared_;
-    std::unique_ptr<Runner> runner_;
-    std::unique_ptr<Gpio> gpio_;
-    std::unique_ptr<Registers> registers_;
-    std::unique_ptr<Dac> dac_;
-    std::unique_ptr<FpgaThread> fpga_;
-    std::unique_ptr<SupervisionThread> supervision_;
-    std::unique_ptr<CycleThread> cycle_;
+    Parts parts_;
+    FpgaLoader fpga_;
+    SupervisionLoop supervision_;
+    CycleLoop cycle_;
 };
 
 } // namespace zarvent

@@ -1,5 +1,9 @@
 #include "hardware/dac.h"
 
+#include <utility>
+
+#include "hardware/board_map.h"
+
 namespace zarvent {
 
 namespace {
@@ -8,23 +12,21 @@ constexpr unsigned kMaxValue = 65535;
 } // namespace
 
 Dac::Dac(Platform &platform, Gpio &gpio)
-    : gpio_(gpio), clock_(platform, "96"), select_(platform, "106"), data_(platform, "118")
+    : gpio_(gpio), clock_(platform, pin::kDacClock), select_(platform, pin::kDacSelect),
+      data_(platform, pin::kDacData)
 {}
 
 void Dac::configureLines()
 {
-    gpio_.PinAddToWorkspace("96");
-    gpio_.PinSetDirectionOut("96");
-    gpio_.PinSetOutput("96", 0);
-    gpio_.PinAddToWorkspace("106");
-    gpio_.PinSetDirectionOut("106");
-    gpio_.PinSetOutput("106", 1);
-    gpio_.PinAddToWorkspace("118");
-    gpio_.PinSetDirectionOut("118");
-    gpio_.PinSetOutput("118", 0);
+    for (const auto &[line, level] : {std::pair{pin::kDacClock, 0}, std::pair{pin::kDacSelect, 1},
+                                    std::pair{pin::kDacData, 0}}) {
+        gpio_.exportPin(line);
+        gpio_.setDirectionOut(line);
+        gpio_.setLevel(line, level);
+    }
 }
 
-bool Dac::SPIWriteInt(unsigned command, unsigned value)
+bool Dac::writeWord(unsigned command, unsigned value)
 {
     // The centre code comes from a file; a value beyond 16 bits would spill
     // into the command bits, so it is clamped, and a command that does not fit

@@ -7,7 +7,7 @@
 // middle of a word.
 #pragma once
 
-#include "hardware/gpio_work.h"
+#include "hardware/gpio.h"
 
 namespace zarvent {
 
@@ -19,13 +19,13 @@ class Dac {
     void configureLines();
     // Shifts out the word (command << 20) | (value << 4). False, and nothing
     // sent, for a command above 15; a value above 65535 is sent as 65535.
-    bool SPIWriteInt(unsigned command, unsigned value);
+    bool writeWord(unsigned command, unsigned value);
 
   private:
     Gpio &gpio_;
-    GpioLine clock_;
-    GpioLine select_;
-    GpioLine data_;
+    OpenPin clock_;
+    OpenPin select_;
+    OpenPin data_;
 };
 
 } // namespace zarvent

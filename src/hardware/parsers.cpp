@@ -1,24 +1,42 @@
 #include "hardware/parsers.h"
 
-#include <array>
+#include <climits>
 #include <limits>
 
 namespace zarvent {
 
-namespace {
-
-bool isHex(char c)
-{
-    return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'F') || (c >= 'a' && c <= 'f');
-}
-
-unsigned hexValue(char c)
+std::optional<unsigned> hexDigit(char c)
 {
     if (c >= '0' && c <= '9')
         return static_cast<unsigned>(c - '0');
     if (c >= 'A' && c <= 'F')
         return static_cast<unsigned>(c - 'A' + 10);
-    return static_cast<unsigned>(c - 'a' + 10);
+    if (c >= 'a' && c <= 'f')
+        return static_cast<unsigned>(c - 'a' + 10);
+    return std::nullopt;
+}
+
+std::int32_t saturateToInt32(double value)
+{
+    if (value >= 2147483648.0)
+        return INT32_MAX;
+    if (value <= -2147483649.0)
+        return INT32_MIN;
+    if (value != value)
+        return 0;
+    return static_cast<std::int32_t>(value);
+}
+
+namespace {
+
+bool isHex(char c)
+{
+    return hexDigit(c).has_value();
+}
+
+unsigned hexValue(char c)
+{
+    return hexDigit(c).value_or(0);
 }
 
 bool isDigit(char c)
@@ -68,31 +86,6 @@ template <typename Pred> std::string_view leading(std::string_view text, Pred pr
     return text.substr(0, n);
 }
 
-bool oneOf(std::string_view word, const std::array<std::string_view, 12> &names, std::size_t count)
-{
-    for (std::size_t i = 0; i < count; ++i)
-        if (word == names[i])
-            return true;
-    return false;
-}
-
-// A "%2d" field: a space-padded or two-digit number within [low, high].
-bool paddedNumber(std::string_view field, int low, int high)
-{
-    if (field.size() != 2 || !isDigit(field[1]) || !(field[0] == ' ' || isDigit(field[0])))
-        return false;
-    const int value = (field[0] == ' ' ? 0 : (field[0] - '0') * 10) + (field[1] - '0');
-    return value >= low && value <= high;
-}
-
-bool digits(std::string_view field)
-{
-    for (char c : field)
-        if (!isDigit(c))
-            return false;
-    return !field.empty();
-}
-
 } // namespace
 
 std::optional<std::uint64_t> parseRegisterLine(std::string_view line, int dataBytes)
@@ -120,43 +113,6 @@ std::optional<std::uint64_t> parseRegisterLine(std::string_view line, int dataBy
                      << (8 * (k - 2));
     }
     return value;
-}
-
-std::optional<NtptimeReading> parseNtptimeLine(std::string_view line)
-{
-    static constexpr std::array<std::string_view, 12> kWeekdays = {"Sun", "Mon", "Tue", "Wed",
-                                                                   "Thu", "Fri", "Sat"};
-    static constexpr std::array<std::string_view, 12> kMonths = {
-        "Jan", "Feb", "Mar", "Apr", "May", "Jun", "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
-    if (line.size() < 56 || line.substr(0, 7) != "  time " || line[15] != '.' ||
-        line.substr(24, 2) != "  " || line[29] != ',' || line[30] != ' ' || line[55] != ',')
-        return std::nullopt;
-    for (std::size_t i = 7; i < 24; ++i)
-        if (i != 15 && !isHex(line[i]))
-            return std::nullopt;
-    const std::string_view when = line.substr(31, 24); // "Nov 16 2026 13:27:46.121"
-    if (!oneOf(line.substr(26, 3), kWeekdays, 7) || !oneOf(when.substr(0, 3), kMonths, 12) ||
-        when[3] != ' ' || !paddedNumber(when.substr(4, 2), 1, 31) || when[6] != ' ' ||
-        !digits(when.substr(7, 4)) || when[11] != ' ' || !paddedNumber(when.substr(12, 2), 0, 23) ||
-        when[14] != ':' || !paddedNumber(when.substr(15, 2), 0, 59) || when[15] == ' ' ||
-        when[17] != ':' || !paddedNumber(when.substr(18, 2), 0, 60) || when[18] == ' ' ||
-        when[20] != '.' || !digits(when.substr(21, 3)))
-        return std::nullopt;
-    NtptimeReading reading;
-    reading.stamp = std::string(line.substr(7, 18));
-    reading.dateTime = std::string(when);
-    for (std::size_t i = 7; i < 15; ++i)
-        reading.ntpSeconds = reading.ntpSeconds * 16 + hexValue(line[i]);
-    return reading;
-}
-
-bool rmcStatusValid(std::string_view thirdLine)
-{
-    // timecode="$GPRMC,132746.00,A,...: the talker (GP, GN, GL) in columns
-    // 11-12, the status field alone between the commas at 26 and 28.
-    return thirdLine.size() > 28 && thirdLine.substr(0, 11) == "timecode=\"$" &&
-           thirdLine.substr(13, 4) == "RMC," && thirdLine[26] == ',' && thirdLine[27] == 'A' &&
-           thirdLine[28] == ',';
 }
 
 std::optional<std::int32_t> parseDecimal(std::string_view text)

@@ -1,12 +1,31 @@
 #include "hardware/registers.h"
 
-#include "daemon/shared.h"
+#include "hardware/board_map.h"
 #include "hardware/parsers.h"
 #include "hardware/runner.h"
 
 namespace zarvent {
 
-std::optional<std::uint64_t> Registers::read(const std::string &line, int calls, int dataBytes)
+namespace {
+
+// The board's read command lines, byte for byte (register 28's has one data
+// byte too many; the FPGA ignores it).
+constexpr const char *kReadControl = "./spiWrite -m 0 -l 3 -d 1 2 0";
+constexpr const char *kReadPhase = "./spiWrite -m 0 -l 6 -d 4 14 0 0 0 0";
+constexpr const char *kReadRequests = "./spiWrite -m 0 -l 4 -d 2 24 0 0";
+constexpr const char *kReadResponses = "./spiWrite -m 0 -l 4 -d 2 26 0 0";
+constexpr const char *kReadRelayEvents = "./spiWrite -m 0 -l 3 -d 1 28 0 0";
+constexpr const char *kReadCapture = "./spiWrite -m 0 -l 3 -d 1 48 0";
+constexpr const char *kHandoverTool = "/usr/bin/Zarvent/spiWrite";
+
+std::string writeLine(int reg, unsigned value)
+{
+    return "./spiWrite -m 1 -l 3 -d 1 " + std::to_string(reg) + " " + std::to_string(value) + " 0";
+}
+
+} // namespace
+
+std::optional<std::uint64_t> Registers::read(const char *line, int calls, int dataBytes)
 {
     const CommandLines out = runner_.readLines(line, calls);
     if (out.count < 5)
@@ -14,9 +33,30 @@ std::optional<std::uint64_t> Registers::read(const std::string &line, int calls,
     return parseRegisterLine(out.last, dataBytes);
 }
 
-std::optional<unsigned> Registers::Read_Control()
+std::optional<unsigned> Registers::readControl()
 {
-    const auto value = read(reg::kRead2, 6, 1);
+    const auto value = read(kReadControl, 6, 1);
+    if (!value)
+        return std::nullopt;
+    return static_cast<unsigned>(*value);
+}
+
+std::optional<std::uint32_t> Registers::readPhase()
+{
+    const auto value = read(kReadPhase, 6, 4);
+    if (!value)
+        return std::nullopt;
+    return static_cast<std::uint32_t>(*value);
+}
+
+std::optional<std::uint64_t> Registers::readCounter(int reg)
+{
+    return read(reg == fpga::kRequestCounter ? kReadRequests : kReadResponses, 5, 2);
+}
+
+std::optional<unsigned> Registers::readByte(int reg)
+{
+    const auto value = read(reg == fpga::kRelayEvents ? kReadRelayEvents : kReadCapture, 5, 1);
     if (!value)
         return std::nullopt;
     return static_cast<unsigned>(*value);
@@ -24,22 +64,53 @@ std::optional<unsigned> Registers::Read_Control()
 
 bool Registers::write(int reg, unsigned value, PipeMode mode)
 {
-    return runner_
-        .run("./spiWrite -m 1 -l 3 -d 1 " + std::to_string(reg) + " " + std::to_string(value) +
-                 " 0",
-             mode)
-        .has_value();
+    return runner_.run(writeLine(reg, value), mode).has_value();
 }
 
-std::optional<unsigned> Registers::modifyRegister2(unsigned set, unsigned clear, PipeMode mode)
+std::optional<std::string> Registers::writeSyncAnswered(unsigned value, std::size_t bufferSize)
 {
-    PlatformLocker locker(platform_, shared_.register2);
-    const auto value = Read_Control();
+    CommandLines answer = runner_.readLines(writeLine(fpga::kSyncRegister, value), 5, bufferSize);
+    if (answer.count < 5)
+        return std::nullopt;
+    return std::move(answer.last);
+}
+
+std::optional<unsigned> Registers::modifyControl(unsigned set, unsigned clear, PipeMode mode)
+{
+    PlatformLocker locker(platform_, controlLock_);
+    const auto value = readControl();
     if (!value)
         return std::nullopt;
     const unsigned written = (*value | set) & ~clear;
-    write(2, written, mode);
+    write(fpga::kControlRegister, written, mode);
     return written;
+}
+
+void Registers::copyControlToSync(bool syncBit, PipeMode mode)
+{
+    const auto control = readControl();
+    if (!control)
+        return;
+    write(fpga::kSyncRegister, syncBit ? (*control | fpga::kSyncBit) : (*control & ~fpga::kSyncBit),
+          mode);
+}
+
+bool Registers::writeHandover(int reg, unsigned number)
+{
+    return runner_
+        .run(std::string(kHandoverTool) + " -m 1 -l 3 -d 1 " + std::to_string(reg) + " " +
+                 std::to_string(number) + "\n",
+             PipeMode::Write)
+        .has_value();
+}
+
+bool Registers::writeCount(std::uint64_t count)
+{
+    std::string line = std::string(kHandoverTool) + " -m 1 -l 8 -d 6 " +
+                       std::to_string(fpga::kCountRegister);
+    for (int k = 0; k < 6; ++k)
+        line += " " + std::to_string((count >> (8 * k)) & 0xFF);
+    return runner_.run(line + "\n", PipeMode::Write).has_value();
 }
 
 } // namespace zarvent

@@ -8,52 +8,67 @@
 // line has that form. Anything else (an error message in place of data, a
 // short or garbled answer) is a failed read, and no caller writes back a value
 // that did not come from the register: the write is skipped.
+//
+// This is the only code that writes the register tool's command lines.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
 
+#include "platform/mutex.h"
 #include "platform/platform.h"
 
 namespace zarvent {
 
 class Runner;
-class SharedState;
-
-namespace reg {
-inline constexpr const char *kRead2 = "./spiWrite -m 0 -l 3 -d 1 2 0";
-inline constexpr const char *kRead14 = "./spiWrite -m 0 -l 6 -d 4 14 0 0 0 0";
-inline constexpr const char *kRead24 = "./spiWrite -m 0 -l 4 -d 2 24 0 0";
-inline constexpr const char *kRead26 = "./spiWrite -m 0 -l 4 -d 2 26 0 0";
-inline constexpr const char *kRead28 = "./spiWrite -m 0 -l 3 -d 1 28 0 0";
-inline constexpr const char *kRead48 = "./spiWrite -m 0 -l 3 -d 1 48 0";
-} // namespace reg
 
 class Registers {
   public:
-    Registers(Platform &platform, Runner &runner, SharedState &shared)
-        : platform_(platform), runner_(runner), shared_(shared)
-    {}
+    Registers(Platform &platform, Runner &runner) : platform_(platform), runner_(runner) {}
 
-    // Runs a read command line, calls the line reader `calls` times (five, or
-    // six when the last call is to find the end of the output) and takes the
-    // value of dataBytes data bytes from the line then in the buffer.
-    std::optional<std::uint64_t> read(const std::string &line, int calls, int dataBytes);
-    // The control register 2 ("./spiWrite -m 0 -l 3 -d 1 2 0", six calls).
-    std::optional<unsigned> Read_Control();
+    // The control register 2 ("./spiWrite -m 0 -l 3 -d 1 2 0", the line
+    // reader called six times).
+    [[nodiscard]] std::optional<unsigned> readControl();
+    // The pulse's phase, register 14 (four data bytes, six calls).
+    [[nodiscard]] std::optional<std::uint32_t> readPhase();
+    // A packet counter, register 24 or 26 (two data bytes, five calls).
+    [[nodiscard]] std::optional<std::uint64_t> readCounter(int reg);
+    // The relay events (28) or the capture control (48): one data byte, five
+    // calls.
+    [[nodiscard]] std::optional<unsigned> readByte(int reg);
+
     // Writes one byte to register 1 or 2: "./spiWrite -m 1 -l 3 -d 1 R V 0",
     // closed at once; false when the command could not be started.
     bool write(int reg, unsigned value, PipeMode mode);
+    // The same write to register 1, with the tool's fifth line read through a
+    // buffer of bufferSize bytes: the line, or nothing when the tool could
+    // not be started or printed fewer than five lines.
+    [[nodiscard]] std::optional<std::string> writeSyncAnswered(unsigned value,
+                                                               std::size_t bufferSize);
     // Reads register 2, sets the bits of `set`, clears those of `clear` and
-    // writes it back, holding the register-2 lock throughout. The value
-    // written, or nothing when the read failed and nothing was written.
-    std::optional<unsigned> modifyRegister2(unsigned set, unsigned clear, PipeMode mode);
+    // writes it back, holding the register-2 lock throughout, so that the
+    // cycle's and the supervision's updates never undo each other's bit. The
+    // value written, or nothing when the read failed and nothing was written.
+    std::optional<unsigned> modifyControl(unsigned set, unsigned clear, PipeMode mode);
+    // Register 1 takes register 2's value with the sync bit set or cleared;
+    // a failed read of register 2 is not written anywhere.
+    void copyControlToSync(bool syncBit, PipeMode mode);
+
+    // The time hand-over, run by absolute path with a newline, mode "w":
+    // the hand-over's number to register 10 (open) or 11 (close), and the
+    // seconds count's six bytes to register 3. False when the command could
+    // not be started.
+    bool writeHandover(int reg, unsigned number);
+    bool writeCount(std::uint64_t count);
 
   private:
+    std::optional<std::uint64_t> read(const char *line, int calls, int dataBytes);
+
     Platform &platform_;
     Runner &runner_;
-    SharedState &shared_;
+    Mutex controlLock_;
 };
 
 } // namespace zarvent

@@ -7,9 +7,10 @@
 #include <fcntl.h>
 #include <linux/spi/spidev.h>
 
-#include "daemon/files.h"
+#include "hardware/board_map.h"
 #include "hardware/registers.h"
 #include "hardware/runner.h"
+#include "platform/files.h"
 #include "platform/platform.h"
 
 namespace zarvent {
@@ -19,6 +20,8 @@ namespace {
 constexpr const char *kLockFile = "/ftpdir/lock";
 constexpr const char *kStatFile = "/ftpdir/stat.txt";
 constexpr const char *kDevice = "/dev/spidev1.0";
+// The FPGA's command for the time-stamp tables, the frame's second byte.
+constexpr std::uint8_t kCaptureCommand = 0x31;
 constexpr std::uint32_t kRecordsStart = 2;
 constexpr int kLongRecords = 64;
 constexpr std::uint32_t kLongRecord = 13;
@@ -62,7 +65,7 @@ std::string statTables(const std::uint8_t *rx, std::uint32_t frameLength)
     return out;
 }
 
-void StatCapture::pabort(std::string_view message)
+void StatCapture::abortOnDevice(std::string_view message)
 {
     const int error = errno;
     platform_.writeError(std::string(message) + ": " + std::strerror(error) + "\n");
@@ -70,66 +73,63 @@ void StatCapture::pabort(std::string_view message)
     std::abort(); // not reached: abortProcess does not return
 }
 
-std::string StatCapture::counterLowByte(const std::string &line)
+std::string StatCapture::counterLowByte(int reg)
 {
     // One number from column 6: the counter's low byte. A read that failed
     // is written as 0.
-    const auto value = registers_.read(line, 5, 2);
+    const auto value = registers_.readCounter(reg);
     return std::to_string(value ? (*value & 0xFF) : 0) + "\n";
 }
 
-void StatCapture::Stat_capture()
+void StatCapture::capture()
 {
     // On every call; a read of register 48 that failed is not written back.
-    if (const auto r48 = registers_.read(reg::kRead48, 5, 1)) {
-        buffer = "./spiWrite -m 1 -l 3 -d 1 1 " + std::to_string(*r48 | 4u) + " 0";
-        runner_.run(buffer, PipeMode::Read);
-    }
+    if (const auto control = registers_.readByte(fpga::kCaptureRegister))
+        registers_.write(fpga::kSyncRegister, *control | fpga::kCaptureStartBit, PipeMode::Read);
 
-    const std::uint8_t old = scount;
-    scount = static_cast<std::uint8_t>(old + 1);
+    const std::uint8_t old = calls_;
+    calls_ = static_cast<std::uint8_t>(old + 1);
     if (old != 1)
         return;
 
     touchFile(platform_, kLockFile);
-    dataLen = kFrameLength;
-    bits = 8;
+    bitsPerWord_ = 8; // the read-back below may have changed it
 
     UniqueFd device(platform_, platform_.open(kDevice, O_RDWR));
     if (!device.isValid())
-        pabort("can't open device");
-    if (platform_.ioctl(device.get(), SPI_IOC_WR_MODE, &smode) == -1)
-        pabort("can't set spi mode");
-    if (platform_.ioctl(device.get(), SPI_IOC_RD_MODE, &smode) == -1)
-        pabort("can't get spi mode");
-    if (platform_.ioctl(device.get(), SPI_IOC_WR_BITS_PER_WORD, &bits) == -1)
-        pabort("can't set bits per word");
-    if (platform_.ioctl(device.get(), SPI_IOC_RD_BITS_PER_WORD, &bits) == -1)
-        pabort("can't get bits per word");
+        abortOnDevice("can't open device");
+    if (platform_.ioctl(device.get(), SPI_IOC_WR_MODE, &mode_) == -1)
+        abortOnDevice("can't set spi mode");
+    if (platform_.ioctl(device.get(), SPI_IOC_RD_MODE, &mode_) == -1)
+        abortOnDevice("can't get spi mode");
+    if (platform_.ioctl(device.get(), SPI_IOC_WR_BITS_PER_WORD, &bitsPerWord_) == -1)
+        abortOnDevice("can't set bits per word");
+    if (platform_.ioctl(device.get(), SPI_IOC_RD_BITS_PER_WORD, &bitsPerWord_) == -1)
+        abortOnDevice("can't get bits per word");
 
     tx_.fill(0);
     tx_[0] = 0x00;
-    tx_[1] = 0x31;
+    tx_[1] = kCaptureCommand;
     rx_.fill(0);
     spi_ioc_transfer transfer{};
     transfer.tx_buf = reinterpret_cast<std::uintptr_t>(tx_.data());
     transfer.rx_buf = reinterpret_cast<std::uintptr_t>(rx_.data());
-    transfer.len = dataLen;
-    transfer.bits_per_word = bits;
+    transfer.len = kFrameLength;
+    transfer.bits_per_word = bitsPerWord_;
     if (platform_.ioctl(device.get(), SPI_IOC_MESSAGE(1), &transfer) < 1)
-        pabort("can't send spi message");
+        abortOnDevice("can't send spi message");
 
     // The stat file is opened only now, after a good exchange: a device that
     // fails ends the daemon with the previous file whole. One that cannot be
     // opened loses this exchange, and the lock goes as after any other.
     OutputFile stat(platform_, kStatFile, OutputFile::Mode::Replace);
     if (stat.isOpen())
-        stat.write(statTables(rx_.data(), dataLen));
+        stat.write(statTables(rx_.data(), kFrameLength));
     device.reset();
-    scount = 0;
+    calls_ = 0;
     if (stat.isOpen()) {
-        stat.write(counterLowByte(reg::kRead26));
-        stat.write(counterLowByte(reg::kRead24));
+        stat.write(counterLowByte(fpga::kResponseCounter));
+        stat.write(counterLowByte(fpga::kRequestCounter));
         stat.close();
     }
     runner_.run("rm /ftpdir/lock", PipeMode::Read);

@@ -29,27 +29,27 @@ class StatCapture {
 
     // Register 48 into register 1 with bit 2 set on every call; the exchange
     // and the stat file on every second call.
-    void Stat_capture();
+    void capture();
 
+    // Calls since the last exchange: the exchange comes at the call that
+    // finds 1.
     std::uint8_t phase() const
     {
-        return scount;
+        return calls_;
     }
 
   private:
     // The device failed: its message and the system's reason on standard
     // error, then the end of the daemon.
-    [[noreturn]] void pabort(std::string_view message);
-    std::string counterLowByte(const std::string &line);
+    [[noreturn]] void abortOnDevice(std::string_view message);
+    std::string counterLowByte(int reg);
 
     Platform &platform_;
     Runner &runner_;
     Registers &registers_;
-    std::uint8_t scount = 0;
-    std::uint32_t dataLen = 0;
-    std::uint8_t bits = 0;
-    std::uint8_t smode = 1; // SPI mode 1: clock idle low, data sampled on the trailing edge
-    std::string buffer;
+    std::uint8_t calls_ = 0;
+    std::uint8_t bitsPerWord_ = 8;
+    std::uint8_t mode_ = 1; // SPI mode 1: clock idle low, data sampled on the trailing edge
     // The frames are part of the capture: no allocation that could fail.
     std::array<std::uint8_t, kFrameLength> tx_{};
     std::array<std::uint8_t, kFrameLength> rx_{};

@@ -1,11 +1,11 @@
 // The PTP packet counters: the FPGA's requests (register 24) and responses
-// (register 26) of the last second, kept by second, minute, hour and day in
-// `Stat_Out`, with running averages and rolling sums for the status page.
+// (register 26) of the last second, kept by second, minute, hour and day,
+// with running averages and rolling sums for the status page.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <ctime>
-#include <string>
 
 namespace zarvent {
 
@@ -13,23 +13,30 @@ class Platform;
 class Registers;
 class SharedState;
 class StatCapture;
-struct StatOut;
 
-// One counter's reading folded into its fields of `Stat_Out`, at the local
-// time t: the second slot, the running average, and at the start of a
-// minute, hour and day the totals of the period just ended.
-struct CounterFields {
-    std::uint64_t *sec;
-    std::uint64_t *min;
-    std::uint64_t *hour;
-    std::uint64_t *day;
-    float *avg;
-    float *minSum;
-    float *hourSum;
+// One counter's history: the readings of the last 60 seconds, the totals of
+// the minutes of the day, of the hours of the day and of the days of the
+// month (slot 0 unused), its running average and the sums of the last minute
+// and of the last 60 minutes.
+struct CounterHistory {
+    std::array<std::uint64_t, 60> seconds{};
+    std::array<std::uint64_t, 1440> minutes{};
+    std::array<std::uint64_t, 24> hours{};
+    std::array<std::uint64_t, 32> days{};
+    float average = 0.0f;
+    float minuteSum = 0.0f;
+    float hourSum = 0.0f;
+
+    // One reading folded in at local time t: the second's slot, the running
+    // average, and at the start of a minute, hour and day the totals of the
+    // period just ended.
+    void add(std::uint64_t reading, const std::tm &t);
 };
-void aggregate(const CounterFields &c, std::uint64_t reading, const std::tm &t);
-CounterFields requestFields(StatOut &out);
-CounterFields responseFields(StatOut &out);
+
+struct PacketHistory {
+    CounterHistory requests;
+    CounterHistory responses;
+};
 
 class PacketCounters {
   public:
@@ -38,10 +45,15 @@ class PacketCounters {
         : platform_(platform), registers_(registers), shared_(shared), capture_(capture)
     {}
 
-    // The first step of every cycle: the statistics flag, `timeinfo` for the
-    // cycle's second, the SPI capture when the flag is on, the two counters.
-    void Stat_read(std::int64_t cycleSecond);
+    // The first step of every cycle: the statistics flag, the local time of
+    // the cycle's second, the SPI capture when the flag is on, the two
+    // counters.
+    void readCounters(std::int64_t cycleSecond);
 
+    const PacketHistory &history() const
+    {
+        return history_;
+    }
     // Every reading since the daemon started (the registers count one
     // second each).
     std::uint64_t requestsTotal() const
@@ -55,12 +67,13 @@ class PacketCounters {
 
   private:
     bool statisticsFlag();
-    std::uint64_t reading(const std::string &line);
+    std::uint64_t reading(int reg);
 
     Platform &platform_;
     Registers &registers_;
     SharedState &shared_;
     StatCapture &capture_;
+    PacketHistory history_;
     std::uint64_t requestsTotal_ = 0;
     std::uint64_t responsesTotal_ = 0;
 };

@@ -1,6 +1,6 @@
 #include "statistics/metrics_file.h"
 
-#include "daemon/files.h"
+#include "platform/files.h"
 
 #ifndef ZARVENT_VERSION
 #define ZARVENT_VERSION "unknown"

@@ -2,15 +2,15 @@
 
 #include <cerrno>
 #include <cinttypes>
-#include <climits>
 #include <cmath>
 #include <cstring>
 
-#include "daemon/files.h"
-#include "daemon/shared.h"
 #include "hardware/parsers.h"
 #include "hardware/runner.h"
+#include "platform/files.h"
 #include "platform/platform.h"
+#include "state/shared_state.h"
+#include "statistics/counters.h"
 
 namespace zarvent {
 
@@ -25,23 +25,12 @@ constexpr const char *kEmulationFile = "/usr/bin/Zarvent/nmea_emul_flag.txt";
 constexpr double kA = 0.9937364715416146;
 constexpr double kB = 0.0031317642291927056;
 
-std::int32_t toInt32(double v)
-{
-    if (v >= 2147483647.0)
-        return INT32_MAX;
-    if (v <= -2147483648.0)
-        return INT32_MIN;
-    if (v != v)
-        return 0;
-    return static_cast<std::int32_t>(v);
-}
-
 } // namespace
 
 void OffsetFilter::run(long x, std::int32_t &mean, std::int32_t &jitter)
 {
-    const float z = z_prev;
-    const float q = dz_prev;
+    const float z = meanState;
+    const float q = varianceState;
     double zt = kA * static_cast<double>(z);
     zt = zt + kB * static_cast<double>(x);
     const float z1 = static_cast<float>(zt);
@@ -52,10 +41,10 @@ void OffsetFilter::run(long x, std::int32_t &mean, std::int32_t &jitter)
     qt = qt + kB * static_cast<double>(e2);
     const float q1 = static_cast<float>(qt);
     const float v = q + q1;
-    z_prev = z1;
-    dz_prev = q1;
-    mean = toInt32(static_cast<double>(y));
-    jitter = toInt32(std::sqrt(static_cast<double>(v)));
+    meanState = z1;
+    varianceState = q1;
+    mean = saturateToInt32(static_cast<double>(y));
+    jitter = saturateToInt32(std::sqrt(static_cast<double>(v)));
 }
 
 const char *antennaText(unsigned code)
@@ -79,7 +68,7 @@ bool StatusPage::emulationOn()
     return text && parseDecimal(*text).value_or(0) == 1;
 }
 
-void StatusPage::FileWrite()
+void StatusPage::write(std::int32_t offsetNs)
 {
     // A lock that cannot be created (RAM disk missing) does not stop the
     // page: the page has its own failure path.
@@ -92,32 +81,34 @@ void StatusPage::FileWrite()
         return; // the lock stays until a later cycle removes it
     }
 
-    const DateTimeSlot now = shared_.dateTime(co::kNow);
+    const DateTime now = shared_.now();
     page.write("<b>UTC</b>");
     page.write(formatText("\t\t<b>Date:</b>\t%s\n\t\t<b>Time:</b>\t%s\n", now.date.c_str(),
                           now.time.c_str()));
 
-    const long x = parseDecimal(shared_.text(co::kOffset, 9)).value_or(0);
+    const long x = offsetAsShown(offsetNs);
     std::int32_t mean = 0;
-    std::int32_t jitter = shared_.Jitter;
-    if (shared_.Sync_En == 1) {
+    std::int32_t jitter = shared_.jitterNs;
+    if (shared_.steering) {
         filter_.run(x, mean, jitter);
-        shared_.Jitter = jitter;
+        shared_.jitterNs = jitter;
     }
-    const std::string reference = shared_.text(co::kRefName, co::kNameField - 1);
+    const std::string reference = shared_.reference();
     page.write(formatText("<b>Current Offset [ns]:</b>\t%ld\n<b>Mean Offset [ns]:</b>\t%ld\n"
                           "<b>Jitter [ns]:</b>\t\t%ld\n<b>Reference time:</b>    %s\n",
                           x, static_cast<long>(mean), static_cast<long>(jitter),
                           reference.c_str()));
 
-    page.write(shared_.Alarm != 0 ? "<b>Alarm at:</b> " : "<b>Uptime from:</b> ");
-    const DateTimeSlot event = shared_.dateTime(co::kEvent);
+    page.write(shared_.alarm ? "<b>Alarm at:</b> " : "<b>Uptime from:</b> ");
+    const DateTime event = shared_.event();
     page.write(formatText("\t<b>Date:</b>\t%s\n\t\t<b>Time:</b>\t%s\n", event.date.c_str(),
                           event.time.c_str()));
 
     page.write("\n<b>PTP Packets:\t\tLast\tAverage</b>\n");
-    const std::tm t = shared_.getTimeinfo();
-    const StatOut &st = shared_.Stat_Out;
+    const std::tm t = shared_.cycleTime();
+    const CounterHistory &req = packets_.requests;
+    const CounterHistory &resp = packets_.responses;
+    const auto slot = [](int i) { return static_cast<std::size_t>(i); };
     const int s = t.tm_sec > 59 ? 59 : t.tm_sec;
     const int previous = s == 0 ? 59 : s - 1;
     const int minute = t.tm_hour * 60 + t.tm_min;
@@ -130,19 +121,19 @@ void StatusPage::FileWrite()
         "<b>Request per Minute:</b>\t%u\t%.2f\n<b>Response per Minute:</b>\t%u\t%.2f\n"
         "<b>Request per Hour:</b>\t%" PRIu64 "\t%.2f\n<b>Response per Hour:</b>\t%" PRIu64
         "\t%.2f\n<b>Request per Day:</b>\t%" PRIu64 "\n<b>Response per Day:</b>\t%" PRIu64 "\n",
-        low32(st.ReqSec[previous]), static_cast<double>(st.ReqAvg), low32(st.RespSec[previous]),
-        static_cast<double>(st.RespAvg), low32(st.ReqMin[minute]),
-        static_cast<double>(st.ReqMinSum), low32(st.RespMin[minute]),
-        static_cast<double>(st.RespMinSum), st.ReqHour[t.tm_hour],
-        static_cast<double>(st.ReqHourSum), st.RespHour[t.tm_hour],
-        static_cast<double>(st.RespHourSum), st.ReqDay[day], st.RespDay[day]));
+        low32(req.seconds[slot(previous)]), static_cast<double>(req.average),
+        low32(resp.seconds[slot(previous)]), static_cast<double>(resp.average),
+        low32(req.minutes[slot(minute)]), static_cast<double>(req.minuteSum),
+        low32(resp.minutes[slot(minute)]), static_cast<double>(resp.minuteSum),
+        req.hours[slot(t.tm_hour)], static_cast<double>(req.hourSum), resp.hours[slot(t.tm_hour)],
+        static_cast<double>(resp.hourSum), req.days[slot(day)], resp.days[slot(day)]));
 
-    page.write(formatText("\n<b>Antenna:</b> %s\n", antennaText(shared_.byte(co::kAntenna))));
+    page.write(formatText("\n<b>Antenna:</b> %s\n", antennaText(shared_.antennaCode)));
     const bool emulation = emulationOn();
     page.write(emulation ? "<b>GPS Emulation:</b>\tOn\n" : "<b>GPS Emulation:</b>\tOff\n");
     shown_ = {x, static_cast<long>(mean), static_cast<long>(jitter), emulation};
 
-    const DateTimeSlot end = shared_.dateTime(co::kNow);
+    const DateTime end = shared_.now();
     page.write(formatText("%s\n%s\n", end.date.c_str(), end.time.c_str()));
     page.close();
     runner_.run(std::string("rm ") + kLock, PipeMode::Read);

@@ -13,13 +13,14 @@ namespace zarvent {
 class Platform;
 class Runner;
 class SharedState;
+struct PacketHistory;
 
 // The offset filter: a first-order low pass (bilinear transform, cut-off at
 // 0.001 of the cycle rate, time constant about 159 cycles) on the offset and
 // on its squared deviation from the mean.
 struct OffsetFilter {
-    float z_prev = 0.0f;
-    float dz_prev = 0.0f;
+    float meanState = 0.0f;     // the filter's state on the offset
+    float varianceState = 0.0f; // and on its squared deviation from the mean
     // Runs one sample x: the mean offset M and the jitter J.
     void run(long x, std::int32_t &mean, std::int32_t &jitter);
 };
@@ -30,11 +31,13 @@ const char *antennaText(unsigned code);
 
 class StatusPage {
   public:
-    StatusPage(Platform &platform, Runner &runner, SharedState &shared)
-        : platform_(platform), runner_(runner), shared_(shared)
+    StatusPage(Platform &platform, Runner &runner, SharedState &shared,
+               const PacketHistory &packets)
+        : platform_(platform), runner_(runner), shared_(shared), packets_(packets)
     {}
 
-    void FileWrite();
+    // Writes the page for this cycle's offset.
+    void write(std::int32_t offsetNs);
 
     const OffsetFilter &filter() const
     {
@@ -59,6 +62,7 @@ class StatusPage {
     Platform &platform_;
     Runner &runner_;
     SharedState &shared_;
+    const PacketHistory &packets_;
     OffsetFilter filter_;
     Shown shown_;
 };

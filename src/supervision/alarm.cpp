@@ -1,49 +1,49 @@
 #include "supervision/alarm.h"
 
-#include "cycle/handover.h"
-#include "daemon/shared.h"
-#include "hardware/gpio_work.h"
+#include "hardware/board_map.h"
+#include "hardware/gpio.h"
 #include "hardware/registers.h"
-#include "supervision/ThreadLED.h"
+#include "ntp/ntp_queries.h"
+#include "state/shared_state.h"
 
 namespace zarvent {
 
 void AlarmLogic::captureEventTime()
 {
-    // The same reading as the cycle's time step, into the event slot. When
-    // ntptime fails or prints something else, both slots stay as they are;
+    // The same reading as the cycle's time step, into the event time. When
+    // ntptime fails or prints something else, both times stay as they are;
     // the state changes all the same.
-    ControlTime(runner_, shared_, co::kEvent);
+    if (const auto reading = readNtptime(runner_))
+        shared_.setEvent(reading->dateTime, reading->stamp);
 }
 
-void AlarmLogic::ControlAlarm()
+void AlarmLogic::check()
 {
-    const bool reference = ControlRefclock(runner_) || ControlRefPPS(runner_);
-    if (reference && gpio_.PinGetInput("176") != 0) {
-        mutex = false;
-        registers_.modifyRegister2(1, 0, PipeMode::Read);
-        const std::uint8_t wasUptime = UptimeFlag;
-        shared_.Alarm = 0;
-        if (wasUptime == 0) {
+    const bool reference = gpsIsSystemPeer(runner_) || gpsIsPpsPeer(runner_);
+    if (reference && gpio_.readLevelOrZero(pin::kAlarmInput) != 0) {
+        episodeLatched_ = false;
+        registers_.modifyControl(fpga::kReferenceValidBit, 0, PipeMode::Read);
+        shared_.alarm = false;
+        if (!clearedTimeKept_) {
             captureEventTime();
-            UptimeFlag = 1;
+            clearedTimeKept_ = true;
         }
-        gpio_.echoLevel(76, 0);
-        gpio_.echoLevel(77, 1);
+        gpio_.echoLevel(pin::kAlarmOn, 0);
+        gpio_.echoLevel(pin::kAlarmOff, 1);
         return;
     }
-    if (!mutex) {
-        mutex = true;
-        registers_.modifyRegister2(0, 1, PipeMode::Read);
+    if (!episodeLatched_) {
+        episodeLatched_ = true;
+        registers_.modifyControl(0, fpga::kReferenceValidBit, PipeMode::Read);
     }
-    const std::uint8_t wasAlarm = shared_.Alarm;
-    UptimeFlag = 0;
-    if (wasAlarm == 0) {
+    const bool wasAlarm = shared_.alarm;
+    clearedTimeKept_ = false;
+    if (!wasAlarm) {
         captureEventTime();
-        shared_.Alarm = 1;
+        shared_.alarm = true;
     }
-    gpio_.echoLevel(76, 1);
-    gpio_.echoLevel(77, 0);
+    gpio_.echoLevel(pin::kAlarmOn, 1);
+    gpio_.echoLevel(pin::kAlarmOff, 0);
 }
 
 } // namespace zarvent

@@ -1,10 +1,8 @@
 // The alarm: free of alarm while ntpd follows the GPS reference (as system or
 // PPS peer) and input line 176 reads 1, in alarm otherwise. Drives the alarm
-// indicators 76/77, keeps `Alarm` and the time of the last change for the
-// status page, and clears the reference-valid bit once per alarm.
+// indicators 76/77, keeps the alarm flag and the time of the last change for
+// the status page, and clears the reference-valid bit once per alarm.
 #pragma once
-
-#include <cstdint>
 
 namespace zarvent {
 
@@ -19,7 +17,8 @@ class AlarmLogic {
         : runner_(runner), gpio_(gpio), registers_(registers), shared_(shared)
     {}
 
-    void ControlAlarm();
+    // One pass's look at the reference and line 176.
+    void check();
 
   private:
     void captureEventTime();
@@ -28,14 +27,14 @@ class AlarmLogic {
     Gpio &gpio_;
     Registers &registers_;
     SharedState &shared_;
-    // 1 once the time the alarm cleared has been recorded; its start value
+    // True once the time the alarm cleared has been recorded; its start value
     // keeps the cycle thread's start time on the page until the first alarm.
-    std::uint8_t UptimeFlag = 1;
+    bool clearedTimeKept_ = true;
     // The one-shot latch of an alarm episode: taken by its first pass, which
     // clears the reference-valid bit, released by every pass free of alarm.
     // A plain flag: only this thread uses it, and releasing a latch that is
     // not held must be harmless.
-    bool mutex = false;
+    bool episodeLatched_ = false;
 };
 
 } // namespace zarvent

@@ -1,8 +1,9 @@
 #include "supervision/antenna.h"
 
-#include "daemon/shared.h"
-#include "hardware/gpio_work.h"
+#include "hardware/board_map.h"
+#include "hardware/gpio.h"
 #include "platform/platform.h"
+#include "state/shared_state.h"
 
 namespace zarvent {
 
@@ -10,40 +11,38 @@ namespace {
 constexpr std::int64_t kHoldOffSeconds = 4;
 } // namespace
 
-void AntennaMonitor::ControlAntenna()
+void AntennaMonitor::check()
 {
-    int l86 = gpio_.PinGetInput("86");
-    int l87 = gpio_.PinGetInput("87");
-    int l85 = gpio_.PinGetInput("85");
-    shared_.setByte(co::kAntenna,
-                    static_cast<unsigned char>(((l85 & 1) << 2) | ((l87 & 1) << 1) | (l86 & 1)));
-
-    l86 = gpio_.PinGetInput("86");
-    l87 = gpio_.PinGetInput("87");
-    l85 = gpio_.PinGetInput("85");
-    if (l86 != 0 && l87 != 0 && l85 != 0) {
-        gpio_.echoLevel(74, 0);
-        gpio_.echoLevel(75, 1);
+    int flowing = gpio_.readLevelOrZero(pin::kAntennaOpen);
+    int noShort = gpio_.readLevelOrZero(pin::kAntennaShort);
+    int feed = gpio_.readLevelOrZero(pin::kAntennaFeed);
+    shared_.antennaCode =
+        static_cast<std::uint8_t>(((feed & 1) << 2) | ((noShort & 1) << 1) | (flowing & 1));
+    // The indicator from a second reading of the three lines.
+    flowing = gpio_.readLevelOrZero(pin::kAntennaOpen);
+    noShort = gpio_.readLevelOrZero(pin::kAntennaShort);
+    feed = gpio_.readLevelOrZero(pin::kAntennaFeed);
+    if (flowing != 0 && noShort != 0 && feed != 0) {
+        gpio_.echoLevel(pin::kAntennaBad, 0);
+        gpio_.echoLevel(pin::kAntennaGood, 1);
     } else {
-        gpio_.echoLevel(74, 1);
-        gpio_.echoLevel(75, 0);
+        gpio_.echoLevel(pin::kAntennaBad, 1);
+        gpio_.echoLevel(pin::kAntennaGood, 0);
     }
 
-    if (gpio_.PinGetInput("87") != 0)
+    if (gpio_.readLevelOrZero(pin::kAntennaShort) != 0)
         return; // no short: the hold-off and line 85 stay as they are
-
-    gpio_.PinSetOutput("85", 0);
+    gpio_.setLevel(pin::kAntennaFeed, 0);
     const std::int64_t seconds = platform_.realtimeNs() / 1'000'000'000;
-    if (over == 0) {
-        event = seconds;
-        over = 1;
+    if (!heldOff_) {
+        heldSince_ = seconds;
+        heldOff_ = true;
         return;
     }
-    now_en = seconds;
     // The difference in signed 32-bit seconds.
-    if (static_cast<std::int32_t>(now_en - event) > kHoldOffSeconds) {
-        over = 0;
-        gpio_.PinSetOutput("85", 1);
+    if (static_cast<std::int32_t>(seconds - heldSince_) > kHoldOffSeconds) {
+        heldOff_ = false;
+        gpio_.setLevel(pin::kAntennaFeed, 1);
     }
 }
 

@@ -18,20 +18,19 @@ class AntennaMonitor {
         : platform_(platform), gpio_(gpio), shared_(shared)
     {}
 
-    void ControlAntenna();
-
+    // One pass's look at the antenna lines.
+    void check();
     bool heldOff() const
     {
-        return over != 0;
+        return heldOff_;
     }
 
   private:
     Platform &platform_;
     Gpio &gpio_;
     SharedState &shared_;
-    std::uint8_t over = 0;   // 1 while line 85 is held off after a short
-    std::int64_t event = 0;  // when it was switched off, in whole seconds
-    std::int64_t now_en = 0; // the latest check of the hold-off
+    bool heldOff_ = false;       // line 85 is held off after a short
+    std::int64_t heldSince_ = 0; // when it was switched off, in whole seconds
 };
 
 } // namespace zarvent

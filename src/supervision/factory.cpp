@@ -1,19 +1,20 @@
 #include "supervision/factory.h"
 
-#include "hardware/gpio_work.h"
+#include "hardware/board_map.h"
+#include "hardware/gpio.h"
 #include "hardware/runner.h"
 #include "platform/platform.h"
 
 namespace zarvent {
 
-bool FactoryDefault::NtpDefault()
+bool FactoryDefault::restoreOnPress()
 {
     // Only a line that reads 0 is a press. A line that cannot be read is not:
     // taken as pressed, it would overwrite the configuration and its backups
     // every pass.
-    if (gpio_.readLevel("88") != 0)
+    if (gpio_.readLevel(pin::kFactoryButton) != 0)
         return false;
-    gpio_.echoLevel(78, 1);
+    gpio_.echoLevel(pin::kFactoryIndicator, 1);
     for (const char *line :
          {"ifconfig eth0 192.168.2.100 netmask 255.255.255.0", "cd /etc",
           "mv -f /etc/ntp.conf /etc/ntp.conf.bak", "cp /usr/bin/Zarvent/defcnfg /etc/ntp.conf",
@@ -23,7 +24,7 @@ bool FactoryDefault::NtpDefault()
           "cp /usr/bin/Zarvent/interfaces /etc/network/interfaces"})
         runner_.run(line, PipeMode::Read);
     platform_.sleepSeconds(1);
-    gpio_.echoLevel(78, 0);
+    gpio_.echoLevel(pin::kFactoryIndicator, 0);
     return true;
 }
 

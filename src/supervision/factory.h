@@ -17,7 +17,7 @@ class FactoryDefault {
     {}
 
     // True when the button was pressed and the files restored.
-    bool NtpDefault();
+    bool restoreOnPress();
 
   private:
     Platform &platform_;

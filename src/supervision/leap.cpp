@@ -4,7 +4,7 @@
 #include <fcntl.h>
 #include <string>
 
-#include "daemon/files.h"
+#include "platform/files.h"
 #include "hardware/parsers.h"
 #include "hardware/runner.h"
 #include "platform/platform.h"
@@ -27,7 +27,7 @@ std::int32_t leapOffsetOfLine(std::string_view line)
 // The list's non-comment lines go through a scratch file and "tail -n 1", so
 // a working directory that cannot be written gives -1, as the board's
 // software has always reported it.
-std::int32_t Parse_File(Platform &platform, Runner &runner)
+std::int32_t readTaiOffset(Platform &platform, Runner &runner)
 {
     const auto list = readFileStart(platform, "/leap-seconds.list", kLinesRead * (kLineBuffer - 1));
     if (!list)

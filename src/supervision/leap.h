@@ -14,7 +14,7 @@ class Runner;
 // the list; -1 when the list, the scratch file "temp" in the working
 // directory or a command cannot be opened; 0 when that line holds no number
 // at column 11.
-std::int32_t Parse_File(Platform &platform, Runner &runner);
+std::int32_t readTaiOffset(Platform &platform, Runner &runner);
 
 // The number at column 11 of a data line ("%i"), 0 when there is none.
 std::int32_t leapOffsetOfLine(std::string_view line);

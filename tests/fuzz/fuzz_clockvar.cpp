@@ -2,6 +2,7 @@
 // for the NMEA reference clock.
 #include "fuzz.h"
 #include "hardware/parsers.h"
+#include "ntp/ntp_parsers.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {

@@ -1,7 +1,7 @@
 // The configuration files the daemon reads for a number: enable.cfg and
 // nmea_emul_flag.txt (their first byte), dac_voltage (its first 64 bytes),
 // through the daemon's own file helper from a file that arrives in pieces.
-#include "daemon/files.h"
+#include "platform/files.h"
 #include "fuzz.h"
 #include "hardware/parsers.h"
 

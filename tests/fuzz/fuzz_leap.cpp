@@ -61,7 +61,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         return "";
     };
     Runner runner(platform);
-    require(Parse_File(platform, runner) == offsetOf(fgetsPiece(tail)));
+    require(readTaiOffset(platform, runner) == offsetOf(fgetsPiece(tail)));
     require(!platform.files.contains("temp") && platform.openFds() == 0 && platform.started == 2 &&
             platform.waited == 2);
     return 0;

@@ -5,6 +5,7 @@
 
 #include "fuzz.h"
 #include "hardware/parsers.h"
+#include "ntp/ntp_parsers.h"
 
 namespace {
 

@@ -1,4 +1,5 @@
-// A fresh virtual board and the daemon's hardware layer for each test.
+// A fresh virtual board and the daemon's parts, wired as the daemon wires
+// them, for each test.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -7,10 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "daemon/shared.h"
-#include "hardware/gpio_work.h"
-#include "hardware/registers.h"
-#include "hardware/runner.h"
+#include "daemon/parts.h"
 #include "virtual_board.h"
 
 namespace zarvent::test {
@@ -58,10 +56,11 @@ class BoardTest : public ::testing::Test {
     }
 
     sim::VirtualBoard board{kStart};
-    Runner runner{board};
-    Gpio gpio{board, runner};
-    SharedState shared;
-    Registers registers{board, runner, shared};
+    Parts parts{board};
+    Runner &runner = parts.runner;
+    Gpio &gpio = parts.gpio;
+    Registers &registers = parts.registers;
+    SharedState &shared = parts.shared;
 };
 
 } // namespace zarvent::test

@@ -1,9 +1,10 @@
-#include "fpga/ThreadFPGA.h"
+#include "fpga/fpga_loader.h"
 
 #include <cstring>
 #include <string>
 
-#include "hardware/gpio_work.h"
+#include "hardware/board_map.h"
+#include "hardware/gpio.h"
 #include "hardware/registers.h"
 #include "hardware/runner.h"
 #include "platform/platform.h"
@@ -18,53 +19,48 @@ constexpr std::size_t kAnswerCompare = 10;
 bool fpgaAnswered(const char *line)
 {
     const std::size_t len = ::strnlen(line, kAnswerCompare);
-    return len == std::strlen(FPGA_A5) + 1 && std::strncmp(line, FPGA_A5, len - 1) == 0;
+    return len == std::strlen(fpga::kConfiguredAnswer) + 1 &&
+           std::strncmp(line, fpga::kConfiguredAnswer, len - 1) == 0;
 }
 
-void FpgaThread::InitFPGA()
+void FpgaLoader::setup()
 {
-    gpio_.PinAddToWorkspace("182");
-    gpio_.PinAddToWorkspace("13");
-    gpio_.PinSetDirectionIn("182");
-    gpio_.PinSetDirectionIn("13");
+    gpio_.exportPin(pin::kFpgaCheck);
+    gpio_.exportPin(pin::kFpgaSpare);
+    gpio_.setDirectionIn(pin::kFpgaCheck);
+    gpio_.setDirectionIn(pin::kFpgaSpare);
 }
 
-bool FpgaThread::attempt()
+bool FpgaLoader::attempt()
 {
     // Register 1 takes the control value just read; a read that failed is
     // not written, and the attempt counts as failed. So does a write that
     // cannot be started or answers with fewer than five lines.
-    const auto control = registers_.Read_Control();
+    const auto control = registers_.readControl();
     if (!control)
         return false;
-    const CommandLines answer = runner_.readLines(
-        "./spiWrite -m 1 -l 3 -d 1 1 " + std::to_string(*control) + " 0", 5, kAnswerBuffer);
-    return answer.count >= 5 && fpgaAnswered(answer.last.c_str());
+    const auto answer = registers_.writeSyncAnswered(*control, kAnswerBuffer);
+    return answer && fpgaAnswered(answer->c_str());
 }
 
-void FpgaThread::BurnFPGA()
+void FpgaLoader::loadUntilConfigured()
 {
-    if (cfgOk == 0)
+    if (!configured_)
         runner_.run("./wrFPGA --file Version_1.rbf", PipeMode::Read); // goes on if it cannot start
-    while (cfgOk != 1 && !platform_.stopRequested()) {
-        cfgOk = attempt() ? 1 : 0;
+    while (!configured_ && !platform_.stopRequested()) {
+        configured_ = attempt();
         progress_.fetch_add(1, std::memory_order_relaxed);
-        if (cfgOk == 1)
+        if (configured_)
             return;
         platform_.sleepSeconds(1);
     }
 }
 
-void FpgaThread::SrvFPGA()
+void FpgaLoader::run()
 {
-    BurnFPGA();
-}
-
-void FpgaThread::ThreadSrvFPGA()
-{
-    InitFPGA();
+    setup();
     while (!platform_.stopRequested()) {
-        SrvFPGA();
+        loadUntilConfigured();
         progress_.fetch_add(1, std::memory_order_relaxed);
         platform_.sleepSeconds(2);
     }

@@ -1,4 +1,4 @@
-#include "hardware/gpio_work.h"
+#include "hardware/gpio.h"
 
 #include <array>
 #include <cerrno>
@@ -12,14 +12,9 @@ namespace zarvent {
 
 namespace {
 
-std::string valuePath(std::string_view pin)
+std::string pinPath(GpioPin pin, const char *file)
 {
-    return "/sys/class/gpio/gpio" + std::string(pin) + "/value";
-}
-
-std::string directionPath(std::string_view pin)
-{
-    return "/sys/class/gpio/gpio" + std::string(pin) + "/direction";
+    return "/sys/class/gpio/gpio" + pin.text() + "/" + file;
 }
 
 // The text and its terminating zero.
@@ -52,44 +47,43 @@ int Gpio::writeFile(const std::string &path, int flags, std::string_view bytes)
     return static_cast<int>(platform_.write(fd.get(), bytes));
 }
 
-int Gpio::PinAddToWorkspace(std::string_view pin)
+int Gpio::exportPin(GpioPin pin)
 {
-    const std::string text(pin);
+    const std::string text = pin.text();
     return writeFile("/sys/class/gpio/export", O_WRONLY, withTerminator(text.c_str()));
 }
 
-int Gpio::PinSetDirectionOut(std::string_view pin)
+int Gpio::setDirectionOut(GpioPin pin)
 {
-    return writeFile(directionPath(pin), O_RDWR, withTerminator("out"));
+    return writeFile(pinPath(pin, "direction"), O_RDWR, withTerminator("out"));
 }
 
-int Gpio::PinSetDirectionIn(std::string_view pin)
+int Gpio::setDirectionIn(GpioPin pin)
 {
-    return writeFile(directionPath(pin), O_RDWR, withTerminator("in"));
+    return writeFile(pinPath(pin, "direction"), O_RDWR, withTerminator("in"));
 }
 
-int Gpio::PinSetOutput(std::string_view pin, int value)
+int Gpio::setLevel(GpioPin pin, int value)
 {
-    return writeFile(valuePath(pin), O_RDWR, std::to_string(value));
+    return writeFile(pinPath(pin, "value"), O_RDWR, std::to_string(value));
 }
 
-int Gpio::PinGetInput(std::string_view pin)
+int Gpio::readLevelOrZero(GpioPin pin)
 {
     return readLevel(pin).value_or(0);
 }
 
-std::optional<int> Gpio::readLevel(std::string_view pin)
+std::optional<int> Gpio::readLevel(GpioPin pin)
 {
-    UniqueFd fd(platform_, platform_.open(valuePath(pin), O_RDWR));
+    UniqueFd fd(platform_, platform_.open(pinPath(pin, "value"), O_RDWR));
     if (!fd.isValid())
         return std::nullopt;
     return readValueFile(platform_, fd.get(), false);
 }
 
-int Gpio::GpioSetEdge(int gpio, std::string_view edge)
+int Gpio::setEdge(GpioPin pin, std::string_view edge)
 {
-    const std::string path = "/sys/class/gpio/gpio" + std::to_string(gpio) + "/edge";
-    const int fd = platform_.open(path, O_WRONLY);
+    const int fd = platform_.open(pinPath(pin, "edge"), O_WRONLY);
     if (fd < 0) {
         const int error = errno;
         platform_.writeError("gpio/set-edge: " + std::string(std::strerror(error)) + "\n");
@@ -101,25 +95,23 @@ int Gpio::GpioSetEdge(int gpio, std::string_view edge)
     return 0;
 }
 
-void Gpio::echoLevel(int line, int level)
+void Gpio::echoLevel(GpioPin pin, int level)
 {
-    runner_.run("echo " + std::to_string(level) + " > /sys/class/gpio/gpio" + std::to_string(line) +
-                    "/value",
-                PipeMode::Write);
+    runner_.run("echo " + std::to_string(level) + " > " + pinPath(pin, "value"), PipeMode::Write);
 }
 
-GpioLine::GpioLine(Platform &platform, std::string pin)
-    : platform_(platform), pin_(std::move(pin)), path_(valuePath(pin_))
+OpenPin::OpenPin(Platform &platform, GpioPin pin)
+    : platform_(platform), path_(pinPath(pin, "value"))
 {}
 
-bool GpioLine::ensureOpen()
+bool OpenPin::ensureOpen()
 {
     if (!fd_.isValid())
         fd_ = UniqueFd(platform_, platform_.open(path_, O_RDWR));
     return fd_.isValid();
 }
 
-int GpioLine::read()
+int OpenPin::read()
 {
     if (!ensureOpen())
         return 0;
@@ -129,7 +121,7 @@ int GpioLine::read()
     return level.value_or(0);
 }
 
-int GpioLine::set(int value)
+int OpenPin::set(int value)
 {
     if (!ensureOpen())
         return -1;

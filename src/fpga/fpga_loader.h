@@ -1,4 +1,4 @@
-// The FPGA thread: loads the bitstream once at start ("./wrFPGA --file
+// The FPGA loader thread: loads the bitstream once at start ("./wrFPGA --file
 // Version_1.rbf"), then writes register 1 once a second until the register
 // tool's answer line reads "AA AA A5"; afterwards it has nothing to do.
 #pragma once
@@ -14,29 +14,25 @@ class Runner;
 class Gpio;
 class Registers;
 
-inline constexpr const char *FPGA_A5 = "AA AA A5";
-
 // True when an answer line (of a 200-byte read) is "AA AA A5" and exactly one
 // more character, its line end; only its first 10 characters take part.
 bool fpgaAnswered(const char *line);
 
-class FpgaThread {
+class FpgaLoader {
   public:
-    FpgaThread(Platform &platform, Runner &runner, Gpio &gpio, Registers &registers)
+    FpgaLoader(Platform &platform, Runner &runner, Gpio &gpio, Registers &registers)
         : platform_(platform), runner_(runner), gpio_(gpio), registers_(registers)
     {}
 
     // Exports lines 182 and 13 as inputs.
-    void InitFPGA();
-    // One service step.
-    void SrvFPGA();
+    void setup();
     // Loads the FPGA if it has not answered yet; returns once it has.
-    void BurnFPGA();
-    void ThreadSrvFPGA();
+    void loadUntilConfigured();
+    void run();
 
     bool configured() const
     {
-        return cfgOk == 1;
+        return configured_;
     }
     // Loop iterations so far, for the watchdog: it stops feeding systemd's
     // watchdog when this stays still for longer than kProgressBound.
@@ -55,7 +51,7 @@ class FpgaThread {
     Runner &runner_;
     Gpio &gpio_;
     Registers &registers_;
-    std::int32_t cfgOk = 0;
+    bool configured_ = false;
     std::atomic<std::uint64_t> progress_{0};
 };
 

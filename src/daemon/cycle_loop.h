@@ -5,25 +5,12 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <memory>
 
-#include "hardware/gpio_work.h"
+#include "hardware/gpio.h"
 
 namespace zarvent {
 
-class Platform;
-class Runner;
-class Registers;
-class Dac;
-class SharedState;
-class PacketCounters;
-class StatCapture;
-class StatusPage;
-class RelayReset;
-class ClientIndicator;
-class TimeHandover;
-class OffsetReadout;
-class Steering;
+struct Parts;
 
 // The cycle's time in whole seconds: the pulse marks the top of the second,
 // so the realtime clock read during the cycle is rounded to the nearest
@@ -32,13 +19,9 @@ class Steering;
 // cycles never share one second's slots and no slot is skipped.
 std::int64_t cycleSecond(std::int64_t realtimeNs);
 
-class CycleThread {
+class CycleLoop {
   public:
-    CycleThread(Platform &platform, Runner &runner, Gpio &gpio, Registers &registers, Dac &dac,
-                SharedState &shared);
-    ~CycleThread();
-    CycleThread(const CycleThread &) = delete;
-    CycleThread &operator=(const CycleThread &) = delete;
+    explicit CycleLoop(Parts &parts);
 
     // Set-up: line 19 as a rising-edge input, the start time, the DAC lines
     // and the DAC's defaults.
@@ -47,35 +30,9 @@ class CycleThread {
     bool poll();
     // The cycle's steps, in order.
     void runCycle();
-    // The metrics file of this cycle.
-    void writeMetricsFile(std::int64_t second);
     // The thread: set-up, then a poll every 500 µs until the daemon stops.
-    void ThreadSrvINT();
+    void run();
 
-    PacketCounters &counters()
-    {
-        return *counters_;
-    }
-    StatCapture &capture()
-    {
-        return *capture_;
-    }
-    StatusPage &statusPage()
-    {
-        return *page_;
-    }
-    TimeHandover &handover()
-    {
-        return *handover_;
-    }
-    OffsetReadout &offset()
-    {
-        return *offset_;
-    }
-    Steering &steering()
-    {
-        return *steering_;
-    }
     // Loop iterations so far, for the watchdog: it stops feeding systemd's
     // watchdog when this stays still for longer than kProgressBound.
     std::uint64_t progress() const
@@ -89,22 +46,12 @@ class CycleThread {
     static constexpr std::chrono::seconds kProgressBound{150};
 
   private:
-    Platform &platform_;
-    Runner &runner_;
-    Gpio &gpio_;
-    Dac &dac_;
-    SharedState &shared_;
-    GpioLine pulse_;
-    // 1: the line has been seen low since the last cycle (the cycle is armed).
-    std::uint8_t first_f = 1;
-    std::unique_ptr<StatCapture> capture_;
-    std::unique_ptr<PacketCounters> counters_;
-    std::unique_ptr<StatusPage> page_;
-    std::unique_ptr<RelayReset> relay_;
-    std::unique_ptr<ClientIndicator> client_;
-    std::unique_ptr<TimeHandover> handover_;
-    std::unique_ptr<OffsetReadout> offset_;
-    std::unique_ptr<Steering> steering_;
+    void writeMetricsFile(std::int64_t second);
+
+    Parts &parts_;
+    OpenPin pulse_;
+    // The line has been seen low since the last cycle: the cycle is armed.
+    bool armed_ = true;
     std::atomic<std::uint64_t> progress_{0};
 };
 

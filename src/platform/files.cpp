@@ -1,4 +1,4 @@
-#include "daemon/files.h"
+#include "platform/files.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,4 +1,4 @@
-// The supervision thread: the slow loop that asks ntpd which reference it
+// The supervision loop: the slow loop that asks ntpd which reference it
 // follows, drives the reference indicators, keeps and logs the reference
 // name, sets the reference-valid bit, and runs the alarm, antenna and
 // factory-default checks and the indicator test, in passes of 3 seconds plus
@@ -8,7 +8,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <memory>
 #include <string>
 
 namespace zarvent {
@@ -22,45 +21,33 @@ class AlarmLogic;
 class AntennaMonitor;
 class FactoryDefault;
 
-// The error log for reference changes; it is bounded: past kErrorLogLimit
-// bytes it becomes errorlog.log.1 (replacing the one before) and a new log
-// begins, so a reference that flaps for weeks never fills the RAM disk.
+// The error log for reference changes; it is bounded: past kLimit bytes it
+// becomes errorlog.log.1 (replacing the one before) and a new log begins, so
+// a reference that flaps for weeks never fills the RAM disk.
 namespace errorlog {
 inline constexpr const char *kPath = "/ramcache/zarvent/errorlog.log";
 inline constexpr const char *kPrevious = "/ramcache/zarvent/errorlog.log.1";
 inline constexpr std::int64_t kLimit = std::int64_t{64} * 1024;
 } // namespace errorlog
 
-// "ntpq -p | grep '*G'": present when the system peer is the GPS reference.
-bool ControlRefclock(Runner &runner);
-// "ntpq -p | grep 'oG'": present when the PPS peer is the GPS reference.
-bool ControlRefPPS(Runner &runner);
-
-class SupervisionThread {
+class SupervisionLoop {
   public:
-    SupervisionThread(Platform &platform, Runner &runner, Gpio &gpio, Registers &registers,
-                      SharedState &shared);
-    ~SupervisionThread();
-    SupervisionThread(const SupervisionThread &) = delete;
-    SupervisionThread &operator=(const SupervisionThread &) = delete;
+    SupervisionLoop(Platform &platform, Runner &runner, Gpio &gpio, Registers &registers,
+                    SharedState &shared, AlarmLogic &alarm, AntennaMonitor &antenna,
+                    FactoryDefault &factory)
+        : platform_(platform), runner_(runner), gpio_(gpio), registers_(registers),
+          shared_(shared), alarm_(alarm), antenna_(antenna), factory_(factory)
+    {}
 
     // Exports and configures the indicator, test, button and antenna lines,
-    // then reads `Leap_Time` from the leap-second list.
-    void init_gpio_input();
+    // then reads TAI-UTC from the leap-second list.
+    void setup();
     // One pass, without its final sleep.
     void pass();
     // The thread: set-up, "adjtimex -t 10082", then passes until the daemon
     // stops.
-    void ThreadSrvLED();
+    void run();
 
-    AlarmLogic &alarm()
-    {
-        return *alarm_;
-    }
-    AntennaMonitor &antenna()
-    {
-        return *antenna_;
-    }
     // Loop iterations so far, for the watchdog: it stops feeding systemd's
     // watchdog when this stays still for longer than kProgressBound.
     std::uint64_t progress() const
@@ -74,7 +61,7 @@ class SupervisionThread {
     static constexpr std::chrono::seconds kProgressBound{180};
 
   private:
-    bool referenceStep();
+    bool followReference();
     void logReference(const std::string &name);
 
     Platform &platform_;
@@ -82,9 +69,11 @@ class SupervisionThread {
     Gpio &gpio_;
     Registers &registers_;
     SharedState &shared_;
-    std::unique_ptr<AlarmLogic> alarm_;
-    std::unique_ptr<AntennaMonitor> antenna_;
-    std::unique_ptr<FactoryDefault> factory_;
+    AlarmLogic &alarm_;
+    AntennaMonitor &antenna_;
+    FactoryDefault &factory_;
+    // The reference's name at the previous pass: a change is logged.
+    std::string previousReference_;
     std::atomic<std::uint64_t> progress_{0};
 };
 

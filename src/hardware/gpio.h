@@ -1,19 +1,20 @@
-// The GPIO pin layer over sysfs (/sys/class/gpio). Lines are named by their
-// kernel number as decimal text.
+// The GPIO pin layer over sysfs (/sys/class/gpio), which names each line by
+// its kernel number as decimal text.
 //
 // Gpio opens the sysfs file for each operation, performs one read or write and
-// closes it again; it keeps no state and any thread may use it. GpioLine is
-// the same protocol on one line whose value file its owner uses many times a
-// second (the pulse line 19, the DAC lines 96, 106 and 118): it keeps the
-// descriptor open and reads and writes at offset 0, as sysfs wants, so the
-// levels and their order on the line are the same while the 500 µs poll and
-// the 74 writes of a DAC word cost no open and close each.
+// closes it again; it keeps no state and any thread may use it. OpenPin is the
+// same protocol on one line whose value file its owner uses many times a
+// second (the pulse line, the DAC's three lines): it keeps the descriptor open
+// and reads and writes at offset 0, as sysfs wants, so the levels and their
+// order on the line are the same while the 500 µs poll and the 74 writes of a
+// DAC word cost no open and close each.
 #pragma once
 
 #include <optional>
 #include <string>
 #include <string_view>
 
+#include "hardware/board_map.h"
 #include "platform/platform.h"
 
 namespace zarvent {
@@ -24,27 +25,27 @@ class Gpio {
   public:
     Gpio(Platform &platform, Runner &runner) : platform_(platform), runner_(runner) {}
 
-    // Writes the pin text with its terminating zero to the export file; a line
-    // already exported makes the write fail, which is ignored.
-    int PinAddToWorkspace(std::string_view pin);
+    // Writes the pin's number with its terminating zero to the export file; a
+    // line already exported makes the write fail, which is ignored.
+    int exportPin(GpioPin pin);
     // Writes "out" (4 bytes with the terminator) to the direction file.
-    int PinSetDirectionOut(std::string_view pin);
+    int setDirectionOut(GpioPin pin);
     // Writes "in" (3 bytes with the terminator) to the direction file.
-    int PinSetDirectionIn(std::string_view pin);
+    int setDirectionIn(GpioPin pin);
     // Writes the level as decimal text, no terminator, no newline.
-    int PinSetOutput(std::string_view pin, int value);
+    int setLevel(GpioPin pin, int value);
     // The line's level; a line that cannot be opened or read reads as 0.
-    int PinGetInput(std::string_view pin);
+    int readLevelOrZero(GpioPin pin);
     // The line's level, or nothing when it cannot be read: for the inputs
     // whose 0 starts an action (the indicator test, the factory default),
     // where a missing line must not pass for a pressed button.
-    std::optional<int> readLevel(std::string_view pin);
+    [[nodiscard]] std::optional<int> readLevel(GpioPin pin);
     // Writes the edge text with its terminator; "gpio/set-edge" on standard
     // error and a negative result when the edge file cannot be opened.
-    int GpioSetEdge(int gpio, std::string_view edge);
+    int setEdge(GpioPin pin, std::string_view edge);
     // The indicator lines' convention: "echo L > /sys/class/gpio/gpioN/value"
     // run in mode "w".
-    void echoLevel(int line, int level);
+    void echoLevel(GpioPin pin, int level);
 
   private:
     int writeFile(const std::string &path, int flags, std::string_view bytes);
@@ -55,26 +56,25 @@ class Gpio {
 
 // One line whose value file stays open while its owner lives. Used by one
 // thread only.
-class GpioLine {
+class OpenPin {
   public:
-    GpioLine(Platform &platform, std::string pin);
+    OpenPin(Platform &platform, GpioPin pin);
 
-    // PinGetInput on this line.
+    // Gpio::readLevelOrZero on this line.
     int read();
-    // PinSetOutput on this line.
+    // Gpio::setLevel on this line.
     int set(int value);
 
   private:
     bool ensureOpen();
 
     Platform &platform_;
-    std::string pin_;
     std::string path_;
     UniqueFd fd_;
 };
 
 // The level text a value file gives ("0\n", "1\n"): its leading decimal
 // number, or nothing when it does not begin with one.
-std::optional<int> parseLevel(std::string_view text);
+[[nodiscard]] std::optional<int> parseLevel(std::string_view text);
 
 } // namespace zarvent
