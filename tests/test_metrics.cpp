@@ -85,47 +85,6 @@ TEST(Metrics, SineAndStepByHand)
     EXPECT_EQ(mtie(step, 19), 10.0);
 }
 
-TEST(Metrics, ObservationIntervalsAboutTenPerDecade)
-{
-    EXPECT_EQ(observationIntervals(100),
-              (std::vector<std::size_t>{1, 2, 3, 4, 5, 6, 8, 10, 13, 16, 20, 25, 32, 40, 50, 63, 79,
-                                        100}));
-    EXPECT_EQ(observationIntervals(1), std::vector<std::size_t>{1});
-    EXPECT_TRUE(observationIntervals(0).empty());
-    const std::vector<std::size_t> day = observationIntervals(86399);
-    EXPECT_EQ(day.back(), 86399u);
-    EXPECT_TRUE(std::is_sorted(day.begin(), day.end()));
-    EXPECT_EQ(std::adjacent_find(day.begin(), day.end()), day.end());
-    EXPECT_LT(day.size(), 60u);
-}
-
-TEST(Metrics, PrtcAMasksAtTheirCorners)
-{
-    const struct Case {
-        double tau;
-        std::optional<double> mtie;
-        std::optional<double> tdev;
-    } cases[] = {
-        {0.1, std::nullopt, std::nullopt},
-        {0.275, std::nullopt, 3},
-        {1, 25.275, 3},
-        {100, 52.5, 3},
-        {273, 100.075, 8.19},
-        {274, 100, 8.22},
-        {1000, 100, 30},
-        {10000, 100, 30},
-        {10001, 100, std::nullopt},
-        {86400, 100, std::nullopt},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.tau);
-        ASSERT_EQ(mtieMaskNs(c.tau).has_value(), c.mtie.has_value());
-        ASSERT_EQ(tdevMaskNs(c.tau).has_value(), c.tdev.has_value());
-        EXPECT_NEAR(mtieMaskNs(c.tau).value_or(0), c.mtie.value_or(0), 1e-9);
-        EXPECT_NEAR(tdevMaskNs(c.tau).value_or(0), c.tdev.value_or(0), 1e-9);
-    }
-}
-
 TEST(Metrics, VerdictsAndWorstPoint)
 {
     std::vector<double> step(12, 0.0);
