@@ -1,6 +1,7 @@
 #include "platform/platform_linux.h"
 
 #include <algorithm>
+#include <memory>
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
@@ -27,190 +28,24 @@ namespace zarvent {
 
 namespace {
 
-// How long read() waits for output before it looks whether the command has
-// ended and whether the deadline or a stop has come. Tools that print and
-// exit wake the poll at once; only a quiet tool, or a background child left
-// holding the pipe, costs a look per slice.
-constexpr int kSliceMs = 20;
-// How long a killed group may take to be reaped. A tool in uninterruptible
-// sleep (a wedged SPI controller) dies only when the driver lets it go; it is
-// not waited for beyond this, but reaped later.
-constexpr std::int64_t kReapGraceNs = 1'000'000'000;
-
-// The program of a command line: its first word without the directory.
-std::string programOf(const std::string &line)
-{
-    const std::string first = line.substr(0, line.find_first_of(" \t\n;|&"));
-    return first.substr(first.rfind('/') + 1);
-}
-
-std::int64_t monotonicNow()
+std::int64_t monotonicClockNs()
 {
     timespec now{};
     ::clock_gettime(CLOCK_MONOTONIC, &now);
     return static_cast<std::int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
 }
 
-void napNs(std::int64_t ns)
-{
-    timespec left{static_cast<std::time_t>(ns / 1'000'000'000),
-                  static_cast<long>(ns % 1'000'000'000)};
-    while (::nanosleep(&left, &left) != 0 && errno == EINTR) {
-    }
-}
-
-// A command line run by /bin/sh -c, as popen runs it, in a process group of
-// its own, with one pipe to the daemon: the child's standard output
-// (PipeMode::Read) or its standard input (PipeMode::Write). Both pipe ends are
-// close-on-exec, so the child inherits none of the daemon's descriptors but
-// the one end dup2'd onto 0 or 1.
-class ShellCommand final : public Command {
-  public:
-    ShellCommand(LinuxPlatform &platform, std::string program, pid_t pid, int fd, bool reading,
-                 std::int64_t deadlineNs)
-        : platform_(platform), program_(std::move(program)), pid_(pid), fd_(fd), reading_(reading),
-          deadlineNs_(deadlineNs)
-    {}
-    ~ShellCommand() override
+// An open directory stream, closed when it goes out of scope.
+struct DirectoryCloser {
+    void operator()(DIR *dir) const
     {
-        if (pid_ > 0)
-            wait();
+        ::closedir(dir);
     }
-    ShellCommand(const ShellCommand &) = delete;
-    ShellCommand &operator=(const ShellCommand &) = delete;
-
-    long read(std::span<char> into) override
-    {
-        if (fd_ < 0 || timedOut_)
-            return -1;
-        // A command started for writing has no output in the pipe: its end
-        // of the pipe is its standard input, closed by wait() as pclose does.
-        if (!reading_)
-            return 0;
-        for (;;) {
-            const std::int64_t left = remainingNs();
-            if (left <= 0) {
-                expire();
-                return -1;
-            }
-            // Once the command has ended, its output is all in the pipe: what
-            // is there is read, and an empty pipe is the end even while a
-            // background child still holds its write end.
-            const int waitMs =
-                ended_ ? 0
-                       : static_cast<int>(std::min<std::int64_t>(kSliceMs, left / 1'000'000 + 1));
-            pollfd ready{fd_, POLLIN, 0};
-            const int count = ::poll(&ready, 1, waitMs);
-            if (count < 0 && errno != EINTR)
-                return -1;
-            if (count > 0) {
-                const ssize_t got = ::read(fd_, into.data(), into.size());
-                if (got >= 0)
-                    return static_cast<long>(got);
-                if (errno != EINTR && errno != EAGAIN)
-                    return -1;
-                continue;
-            }
-            if (count == 0 && ended_)
-                return 0;
-            if (count == 0)
-                reapNoHang();
-        }
-    }
-
-    int wait() override
-    {
-        if (fd_ >= 0) {
-            ::close(fd_);
-            fd_ = -1;
-        }
-        if (pid_ <= 0)
-            return status_;
-        std::int64_t napNsNext = 50'000;
-        while (!reapNoHang()) {
-            const std::int64_t left = remainingNs();
-            if (left <= 0) {
-                expire();
-                break;
-            }
-            napNs(std::min(napNsNext, left));
-            napNsNext = std::min<std::int64_t>(napNsNext * 2, 10'000'000);
-        }
-        pid_ = -1;
-        return status_;
-    }
-
-    bool timedOut() const override
-    {
-        return timedOut_;
-    }
-
-  private:
-    std::int64_t remainingNs() const
-    {
-        std::int64_t end = deadlineNs_;
-        if (const std::int64_t stopAt = platform_.stopAtNs(); stopAt != 0)
-            end = std::min(end, stopAt + std::chrono::nanoseconds(kStopGrace).count());
-        return end - monotonicNow();
-    }
-
-    // True once the command has ended and been reaped (status_ set).
-    bool reapNoHang()
-    {
-        if (ended_)
-            return true;
-        int status = 0;
-        pid_t done;
-        do {
-            done = ::waitpid(pid_, &status, WNOHANG);
-        } while (done < 0 && errno == EINTR);
-        if (done == 0)
-            return false;
-        ended_ = true;
-        status_ = done < 0 ? -1 : status;
-        return true;
-    }
-
-    // The deadline has passed: the whole group goes, whatever it started.
-    void expire()
-    {
-        timedOut_ = true;
-        if (fd_ >= 0) {
-            ::close(fd_);
-            fd_ = -1;
-        }
-        if (pid_ <= 0 || ended_) {
-            if (pid_ > 0)
-                ::kill(-pid_, SIGKILL); // the command ended, its children did not
-            pid_ = -1;
-            status_ = -1;
-            return;
-        }
-        ::kill(-pid_, SIGKILL);
-        const std::int64_t giveUp = monotonicNow() + kReapGraceNs;
-        std::int64_t nap = 50'000;
-        while (!reapNoHang() && monotonicNow() < giveUp) {
-            napNs(nap);
-            nap = std::min<std::int64_t>(nap * 2, 10'000'000);
-        }
-        if (!ended_)
-            platform_.adoptUnreaped(pid_, program_);
-        pid_ = -1;
-        status_ = -1;
-    }
-
-    LinuxPlatform &platform_;
-    std::string program_;
-    pid_t pid_;
-    int fd_;
-    bool reading_;
-    std::int64_t deadlineNs_; // on the monotonic clock
-    bool ended_ = false;
-    bool timedOut_ = false;
-    int status_ = -1;
 };
+using Directory = std::unique_ptr<DIR, DirectoryCloser>;
 
 } // namespace
+
 
 LinuxPlatform::LinuxPlatform()
 {
@@ -247,77 +82,6 @@ LinuxPlatform::~LinuxPlatform()
             thread.detach();
 }
 
-std::unique_ptr<Command> LinuxPlatform::startCommand(const std::string &line, PipeMode mode,
-                                                     Deadline deadline)
-{
-    // A program whose killed command is still not gone (stuck in its
-    // driver) gets no new one until it is: otherwise each cycle would add
-    // another unkillable process. And after a stop's grace nothing starts.
-    const std::string program = programOf(line);
-    if (hasUnreaped(program) ||
-        (stopAtNs() != 0 &&
-         monotonicNow() > stopAtNs() + std::chrono::nanoseconds(kStopGrace).count())) {
-        errno = EAGAIN;
-        return nullptr;
-    }
-    const std::int64_t deadlineNs =
-        monotonicNow() + std::chrono::duration_cast<std::chrono::nanoseconds>(deadline).count();
-    int ends[2];
-    if (::pipe2(ends, O_CLOEXEC) != 0)
-        return nullptr;
-    const bool reading = mode == PipeMode::Read;
-    const int childEnd = reading ? ends[1] : ends[0];
-    const int ourEnd = reading ? ends[0] : ends[1];
-
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, childEnd, reading ? STDOUT_FILENO : STDIN_FILENO);
-    // The daemon's threads keep SIGTERM and SIGINT blocked for
-    // waitForStopRequest() and ignore SIGPIPE; a tool starts with no signal
-    // blocked and SIGPIPE as usual, as from a shell. It leads a process group
-    // of its own, so that at its deadline everything it started goes with it.
-    posix_spawnattr_t attributes;
-    posix_spawnattr_init(&attributes);
-    sigset_t none;
-    sigemptyset(&none);
-    posix_spawnattr_setsigmask(&attributes, &none);
-    sigset_t defaults;
-    sigemptyset(&defaults);
-    sigaddset(&defaults, SIGPIPE);
-    posix_spawnattr_setsigdefault(&attributes, &defaults);
-    posix_spawnattr_setpgroup(&attributes, 0);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF |
-                                              POSIX_SPAWN_SETPGROUP);
-    const char *argv[] = {"sh", "-c", line.c_str(), nullptr};
-    pid_t pid = -1;
-    const int rc =
-        ::posix_spawn(&pid, "/bin/sh", &actions, &attributes, const_cast<char **>(argv), environ);
-    posix_spawnattr_destroy(&attributes);
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(childEnd);
-    if (rc != 0) {
-        ::close(ourEnd);
-        errno = rc;
-        return nullptr;
-    }
-    return std::make_unique<ShellCommand>(*this, program, pid, ourEnd, reading, deadlineNs);
-}
-
-void LinuxPlatform::adoptUnreaped(pid_t pid, const std::string &program)
-{
-    const std::lock_guard lock(unreapedMutex_);
-    unreaped_.emplace_back(pid, program);
-}
-
-bool LinuxPlatform::hasUnreaped(const std::string &program)
-{
-    const std::lock_guard lock(unreapedMutex_);
-    std::erase_if(unreaped_, [](const std::pair<pid_t, std::string> &killed) {
-        return ::waitpid(killed.first, nullptr, WNOHANG) != 0;
-    });
-    return std::any_of(unreaped_.begin(), unreaped_.end(),
-                       [&](const auto &killed) { return killed.second == program; });
-}
 
 int LinuxPlatform::open(const std::string &path, int flags)
 {
@@ -357,15 +121,14 @@ int LinuxPlatform::ioctl(int fd, unsigned long request, void *argument)
 std::vector<std::string> LinuxPlatform::listDirectory(const std::string &path)
 {
     std::vector<std::string> names;
-    DIR *dir = ::opendir(path.c_str()); // glibc opens it close-on-exec
-    if (dir == nullptr)
+    const Directory dir(::opendir(path.c_str())); // glibc opens it close-on-exec
+    if (!dir)
         return names;
-    while (const dirent *entry = ::readdir(dir)) {
+    while (const dirent *entry = ::readdir(dir.get())) {
         const std::string_view name = entry->d_name;
         if (name != "." && name != "..")
             names.emplace_back(name);
     }
-    ::closedir(dir);
     return names;
 }
 
@@ -424,7 +187,7 @@ std::int64_t LinuxPlatform::realtimeNs()
 
 std::int64_t LinuxPlatform::monotonicNs()
 {
-    return monotonicNow();
+    return monotonicClockNs();
 }
 
 std::optional<std::tm> LinuxPlatform::localTime(std::int64_t unixSeconds)
@@ -483,7 +246,7 @@ bool LinuxPlatform::waitForStopRequest(Deadline timeout)
                         static_cast<long>(timeout.count() % 1000) * 1'000'000};
     if (::sigtimedwait(&stopSignals_, nullptr, &wait) < 0)
         return false; // the time passed, or another signal woke us
-    stopAtNs_.store(monotonicNow());
+    stopAtNs_.store(monotonicClockNs());
     {
         const std::lock_guard lock(stopMutex_);
         stop_.store(true);
