@@ -53,7 +53,7 @@ class Recorder {
         ReportSecond next;
         next.unixSecond = unixSecond;
         next.trueOffsetNs = stats.offsetNs;
-        next.referenceValid = board.rmcStatus() == 'A';
+        next.referenceValid = board.ntp().rmcStatus() == 'A';
         input_.seconds.push_back(next);
     }
 
@@ -62,7 +62,7 @@ class Recorder {
         // The last second's cycle has not been recorded: drop its row.
         if (!input_.seconds.empty())
             input_.seconds.pop_back();
-        input_.statusPage = board.readFile("/ramcache/zarvent/ntp_data.txt").value_or("");
+        input_.statusPage = board.files().readFile("/ramcache/zarvent/ntp_data.txt").value_or("");
         return writeReport(dir, input_);
     }
 
@@ -191,7 +191,7 @@ class Run {
         if (scheduler_ != nullptr)
             scheduler_->wait(us);
         else
-            board_.setNowUs(board_.nowUs() + us);
+            board_.clock().setNowUs(board_.clock().nowUs() + us);
     }
 
     // Applies one event; the error text when the model does not know it.
@@ -202,7 +202,7 @@ class Run {
             // Taken 0.9 s into the second, after the second's cycle.
             wait(900000);
             const auto content =
-                board_.readFile(w.size() >= 3 ? w[2] : "/ramcache/zarvent/ntp_data.txt");
+                board_.files().readFile(w.size() >= 3 ? w[2] : "/ramcache/zarvent/ntp_data.txt");
             std::error_code error;
             std::filesystem::create_directories(logDir_, error);
             std::ofstream(logDir_ + "/" + w[1], std::ios::binary) << content.value_or("");
@@ -224,7 +224,7 @@ class Run {
         for (; next < events.size() && events[next].atS <= 0; next++)
             if (result.error = apply(events[next]); !result.error.empty())
                 return result;
-        board_.setCommandCostUs(scenario.commandCostUs);
+        board_.clock().setCommandCostUs(scenario.commandCostUs);
         if (options_.beforeStart)
             options_.beforeStart(board_, model_);
         Scheduler scheduler(board_, options_.pace);
@@ -244,8 +244,8 @@ class Run {
             daemon.CreateThreads();
             const std::int64_t startUs = scenario.start * 1000000;
             for (std::int64_t second = 1; second <= scenario.durationS; second++) {
-                wait(startUs + second * 1000000 - board_.nowUs());
-                if (board_.aborted())
+                wait(startUs + second * 1000000 - board_.clock().nowUs());
+                if (board_.process().aborted())
                     break;
                 for (; next < events.size() && events[next].atS <= second; next++)
                     if (result.error = apply(events[next]); !result.error.empty())
@@ -260,17 +260,17 @@ class Run {
         } catch (const SimulationEnded &) {
             // The daemon aborted on the run's own thread (during its start).
         }
-        result.daemonAborted = board_.aborted();
+        result.daemonAborted = board_.process().aborted();
         if (result.daemonAborted)
             result.error = format("the daemon aborted at board time %lld.%06lld",
-                                  static_cast<long long>(board_.nowUs() / 1000000),
-                                  static_cast<long long>(board_.nowUs() % 1000000));
+                                  static_cast<long long>(board_.clock().nowUs() / 1000000),
+                                  static_cast<long long>(board_.clock().nowUs() % 1000000));
         if (!model_.writeLogs(logDir_)) {
             result.error = "cannot write the logs in " + logDir_;
             return result;
         }
         // What the daemon wrote to its standard error.
-        std::ofstream(logDir_ + "/stderr.log", std::ios::binary) << board_.errorOutput();
+        std::ofstream(logDir_ + "/stderr.log", std::ios::binary) << board_.process().errorOutput();
         if (recorder) {
             if (const std::string error = recorder->write(options_.reportDir, board_);
                 !error.empty()) {
