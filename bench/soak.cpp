@@ -51,28 +51,28 @@ void events(VirtualBoard &board, BoardModel &model, std::int64_t d, std::int64_t
 {
     switch (s) {
     case 6 * 3600: // the receiver and ntpd's reference lost for a quarter of an hour
-        board.setRmcStatus('V');
-        board.setPeer(Peer::None);
+        board.ntp().setRmcStatus('V');
+        board.ntp().setPeer(Peer::None);
         break;
     case 6 * 3600 + 900:
-        board.setRmcStatus('A');
-        board.setPeer(Peer::System);
+        board.ntp().setRmcStatus('A');
+        board.ntp().setPeer(Peer::System);
         break;
     case 12 * 3600: // an antenna short for five minutes
-        board.setInput(87, 0);
+        board.gpio().setInput(87, 0);
         break;
     case 12 * 3600 + 300:
-        board.setInput(87, 1);
+        board.gpio().setInput(87, 1);
         break;
     case 18 * 3600: // the alarm input and an FPGA event
-        board.setInput(176, 0);
+        board.gpio().setInput(176, 0);
         model.command({"event", "1"});
         break;
     case 18 * 3600 + 60:
-        board.setInput(176, 1);
+        board.gpio().setInput(176, 1);
         break;
     case 21 * 3600: // ntpd steps the clock, forward one day and back the next
-        board.stepClock(d % 2 == 0 ? 2'000'000 : -2'000'000);
+        board.clock().stepClock(d % 2 == 0 ? 2'000'000 : -2'000'000);
         break;
     default:
         break;
@@ -105,8 +105,8 @@ int main(int argc, char **argv)
             c == ' ' ? (words.push_back(w), w.clear()) : w.push_back(c);
         model.command(words);
     }
-    board.writeFile("/usr/bin/Zarvent/enable.cfg", "1\n");
-    board.setCommandCostUs(4000);
+    board.files().writeFile("/usr/bin/Zarvent/enable.cfg", "1\n");
+    board.clock().setCommandCostUs(4000);
 
     std::unique_ptr<Scheduler> scheduler;
     std::unique_ptr<zarvent::Daemon> daemon;
@@ -130,8 +130,8 @@ int main(int argc, char **argv)
     std::vector<Day> rows;
     Day today;
     for (std::int64_t t = 1; t <= days * kDay; t++) {
-        scheduler->wait((kStart + t) * 1'000'000 - board.nowUs());
-        if (board.aborted()) {
+        scheduler->wait((kStart + t) * 1'000'000 - board.clock().nowUs());
+        if (board.process().aborted()) {
             std::printf("the daemon aborted at board second %lld\n", static_cast<long long>(t));
             return 1;
         }
@@ -152,7 +152,7 @@ int main(int argc, char **argv)
         const struct mallinfo2 heap = ::mallinfo2();
         today.heapKiB = heap.uordblks / 1024;
         today.hostFds = openHostFds() - fdsAtStart;
-        today.boardFds = board.openDescriptors();
+        today.boardFds = board.descriptors().openCount();
         today.errorLog = board.fileSize("/ramcache/zarvent/errorlog.log").value_or(0) +
                          board.fileSize("/ramcache/zarvent/errorlog.log.1").value_or(0);
         today.charts = 0;

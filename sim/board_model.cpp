@@ -33,44 +33,43 @@ bool writeLog(const std::string &dir, const char *name, const std::string &text)
 
 BoardModel::BoardModel(VirtualBoard &board, const BoardConfig &config)
     : board_(board), config_(config), random_(config.seed != 0 ? config.seed : 1),
-      offset_(config.initialOffset), offsetTimeUs_(board.nowUs()), startUs_(board.nowUs()),
-      wanderSecond_(board.nowUs() / 1000000)
+      offset_(config.initialOffset), offsetTimeUs_(board.clock().nowUs()),
+      startUs_(board.clock().nowUs()), wanderSecond_(board.clock().nowUs() / 1000000)
 {
-    board_.setRegisterHooks(
-        [this](int reg) { onRead(reg); },
-        [this](int reg, std::uint64_t value, int, const std::string &) { onWrite(reg, value); });
-    board_.setFpgaConfigured(false); // it answers once wrFPGA has loaded the bitstream
-    board_.setRegister(2, 0x00);
-    board_.setRegister(48, 0x10);
-    board_.setPulse(19, config.pulseHighUs);
-    board_.provideLine(19, false, 0);
+    board_.fpga().setRegisterHooks([this](int reg) { onRead(reg); },
+                                   [this](int reg, std::uint64_t value) { onWrite(reg, value); });
+    board_.fpga().setConfigured(false); // it answers once wrFPGA has loaded the bitstream
+    board_.fpga().setRegister(2, 0x00);
+    board_.fpga().setRegister(48, 0x10);
+    board_.gpio().setPulse(19, config.pulseHighUs);
+    board_.gpio().provideLine(19, false, 0);
     // Inputs the supervision exports: their levels when exported.
     for (const int line : {79, 86, 87, 88})
-        board_.provideLine(line, false, 1);
-    board_.provideLine(85, true, 1);
-    board_.provideLine(176, false, 1);
-    board_.writeFile("/usr/bin/Zarvent/dac_voltage", "33000\n");
-    board_.writeFile("/usr/bin/Zarvent/enable.cfg", "0\n");
-    board_.writeFile("/usr/bin/Zarvent/nmea_emul_flag.txt", "0\n");
-    board_.writeFile("/usr/bin/Zarvent/defcnfg", "server 127.127.20.0 mode 1 prefer\n");
-    board_.writeFile("/usr/bin/Zarvent/resolv.conf", "nameserver 192.168.2.1\n");
-    board_.writeFile("/usr/bin/Zarvent/interfaces", "auto eth0\niface eth0 inet static\n");
-    board_.writeFile("/etc/ntp.conf", "server 127.127.20.0 mode 17\n");
-    board_.writeFile("/etc/resolv.conf", "nameserver 10.0.0.1\n");
-    board_.writeFile("/etc/network/interfaces", "auto eth0\niface eth0 inet dhcp\n");
-    board_.writeFile("/leap-seconds.list",
-                     "#\tleap-seconds.list (abridged)\n#$\t3676924800\n"
-                     "2272060800\t10\t# 1 Jan 1972\n3644697600\t36\t# 1 Jul 2015\n"
-                     "3692217600\t37\t# 1 Jan 2017\n#@\t3928521600\n#h\t0 0 0 0 0\n");
+        board_.gpio().provideLine(line, false, 1);
+    board_.gpio().provideLine(85, true, 1);
+    board_.gpio().provideLine(176, false, 1);
+    board_.files().writeFile("/usr/bin/Zarvent/dac_voltage", "33000\n");
+    board_.files().writeFile("/usr/bin/Zarvent/enable.cfg", "0\n");
+    board_.files().writeFile("/usr/bin/Zarvent/nmea_emul_flag.txt", "0\n");
+    board_.files().writeFile("/usr/bin/Zarvent/defcnfg", "server 127.127.20.0 mode 1 prefer\n");
+    board_.files().writeFile("/usr/bin/Zarvent/resolv.conf", "nameserver 192.168.2.1\n");
+    board_.files().writeFile("/usr/bin/Zarvent/interfaces", "auto eth0\niface eth0 inet static\n");
+    board_.files().writeFile("/etc/ntp.conf", "server 127.127.20.0 mode 17\n");
+    board_.files().writeFile("/etc/resolv.conf", "nameserver 10.0.0.1\n");
+    board_.files().writeFile("/etc/network/interfaces", "auto eth0\niface eth0 inet dhcp\n");
+    board_.files().writeFile("/leap-seconds.list",
+                             "#\tleap-seconds.list (abridged)\n#$\t3676924800\n"
+                             "2272060800\t10\t# 1 Jan 1972\n3644697600\t36\t# 1 Jul 2015\n"
+                             "3692217600\t37\t# 1 Jan 2017\n#@\t3928521600\n#h\t0 0 0 0 0\n");
     std::array<std::uint8_t, 1410> reply{};
     for (std::uint8_t &byte : reply)
         byte = static_cast<std::uint8_t>(nextRandom() >> 24);
-    board_.setSpiReply(reply);
+    board_.spi().setReply(reply);
 }
 
 BoardModel::~BoardModel()
 {
-    board_.setRegisterHooks({}, {});
+    board_.fpga().setRegisterHooks({}, {});
 }
 
 std::uint32_t BoardModel::nextRandom()
@@ -96,7 +95,7 @@ double BoardModel::gaussian()
 // The DAC words sent since the last look: command 3 sets the code.
 void BoardModel::takeDacWords()
 {
-    for (const DacWord &word : board_.dacWords(dacSeen_)) {
+    for (const DacWord &word : board_.gpio().dacWords(dacSeen_)) {
         dacSeen_++;
         stats_.dacWords++;
         if (word.malformed) {
@@ -145,7 +144,7 @@ bool applyOscillatorPreset(const std::string &name, BoardConfig &config)
 void BoardModel::integrate()
 {
     takeDacWords();
-    const std::int64_t now = board_.nowUs();
+    const std::int64_t now = board_.clock().nowUs();
     if (now > offsetTimeUs_) {
         const double dt = static_cast<double>(now - offsetTimeUs_) / 1e6;
         offset_ -= config_.gain * static_cast<double>(code_ - config_.naturalCode) * dt;
@@ -176,7 +175,7 @@ std::uint32_t BoardModel::phaseTicks()
     const auto ticks = static_cast<std::uint32_t>(ns / 10.0);
     // What the daemon makes of it: the phase folded to +-0.5 s.
     const double phase = ticks * 10.0;
-    stats_.phaseSecond = board_.nowUs() / 1000000;
+    stats_.phaseSecond = board_.clock().nowUs() / 1000000;
     stats_.phaseReadNs = phase > 5e8 ? 1e9 - phase : 0.0 - phase;
     return ticks;
 }
@@ -185,7 +184,7 @@ std::uint32_t BoardModel::phaseTicks()
 // reads the counters again within the second and must see the same.
 std::uint32_t BoardModel::counterValue(int reg, int mean)
 {
-    const std::int64_t second = board_.nowUs() / 1000000;
+    const std::int64_t second = board_.clock().nowUs() / 1000000;
     for (std::size_t i = readings_.size(); i-- > 0 && readings_[i].second == second;)
         if (readings_[i].reg == reg)
             return readings_[i].value;
@@ -203,16 +202,16 @@ void BoardModel::onRead(int reg)
     switch (reg) {
     case 14:
         integrate();
-        board_.setRegister(14, phaseTicks());
+        board_.fpga().setRegister(14, phaseTicks());
         break;
     case 24:
-        board_.setRegister(24, counterValue(24, config_.requests));
+        board_.fpga().setRegister(24, counterValue(24, config_.requests));
         break;
     case 26:
-        board_.setRegister(26, counterValue(26, config_.responses));
+        board_.fpga().setRegister(26, counterValue(26, config_.responses));
         break;
     case 28:
-        board_.setRegister(28, events_);
+        board_.fpga().setRegister(28, events_);
         break;
     default:
         break;
@@ -235,7 +234,7 @@ void BoardModel::onWrite(int reg, std::uint64_t value)
     case 11: {
         // The count must be the seconds of the next pulse on the TAI scale:
         // Unix seconds + 1 + TAI-UTC (37).
-        const std::int64_t now = board_.nowUs();
+        const std::int64_t now = board_.clock().nowUs();
         const auto expected = static_cast<std::uint64_t>(now / 1000000) + 1 + 37;
         const bool ok =
             openNumber_ == static_cast<int>(value) && haveCount_ && pendingCount_ == expected;
@@ -276,40 +275,40 @@ std::optional<std::string> BoardModel::command(const std::vector<std::string> &w
     if (nw == 0)
         return std::nullopt;
     if (w[0] == "rmc" && nw == 2 && w[1].size() == 1) {
-        board_.setRmcStatus(w[1][0]);
+        board_.ntp().setRmcStatus(w[1][0]);
     } else if (w[0] == "peer" && nw == 2) {
         if (w[1] == "system")
-            board_.setPeer(Peer::System);
+            board_.ntp().setPeer(Peer::System);
         else if (w[1] == "pps")
-            board_.setPeer(Peer::Pps);
+            board_.ntp().setPeer(Peer::Pps);
         else if (w[1] == "none")
-            board_.setPeer(Peer::None);
+            board_.ntp().setPeer(Peer::None);
         else if (w[1] == "both")
-            board_.setPeer(Peer::Both);
+            board_.ntp().setPeer(Peer::Both);
         else
             return bad();
     } else if (w[0] == "gpio" && nw == 3) {
         const auto line = parseInt(w[1]), level = parseInt(w[2]);
         if (!line || !level)
             return bad();
-        board_.setInput(static_cast<int>(*line), static_cast<int>(*level));
+        board_.gpio().setInput(static_cast<int>(*line), static_cast<int>(*level));
     } else if (w[0] == "tool" && nw == 3) {
-        board_.setToolAbsent(w[1], w[2] == "absent");
+        board_.tools().setToolAbsent(w[1], w[2] == "absent");
     } else if (w[0] == "regtool" && nw == 2) {
         // Every run of the register tool prints garbage, or too few lines.
         if (w[1] == "garbage")
-            board_.setRegisterToolFault(RegisterToolFault::Garbage);
+            board_.fpga().setRegisterToolFault(RegisterToolFault::Garbage);
         else if (w[1] == "short")
-            board_.setRegisterToolFault(RegisterToolFault::Short);
+            board_.fpga().setRegisterToolFault(RegisterToolFault::Short);
         else if (w[1] == "ok")
-            board_.setRegisterToolFault(RegisterToolFault::None);
+            board_.fpga().setRegisterToolFault(RegisterToolFault::None);
         else
             return bad();
     } else if (w[0] == "file" && nw >= 2) {
         std::string text;
         for (std::size_t i = 2; i < nw; i++)
             text += w[i] + (i + 1 < nw ? " " : "\n");
-        board_.writeFile(w[1], text);
+        board_.files().writeFile(w[1], text);
     } else if (w[0] == "event" && nw == 2) {
         const auto flag = parseInt(w[1]);
         if (!flag || *flag < 1 || *flag > 2)
@@ -330,7 +329,7 @@ std::optional<std::string> BoardModel::command(const std::vector<std::string> &w
         integrate();
         offset_ = std::strtod(w[1].c_str(), nullptr);
     } else if (w[0] == "spi" && nw == 2 && w[1] == "absent") {
-        board_.setSpiPresent(false);
+        board_.spi().setPresent(false);
     } else {
         return bad();
     }
@@ -371,7 +370,7 @@ bool BoardModel::writeLogs(const std::string &dir)
 {
     std::error_code error;
     std::filesystem::create_directories(dir, error);
-    const std::vector<CommandRecord> commands = board_.commands();
+    const std::vector<CommandRecord> commands = board_.tools().commands();
     std::string text;
     for (const CommandRecord &c : commands)
         appendf(text, "%lld.%06lld %s %s\n", static_cast<long long>(c.timeUs / 1000000),
@@ -381,14 +380,14 @@ bool BoardModel::writeLogs(const std::string &dir)
         return false;
 
     text.clear();
-    for (const LevelRecord &l : board_.levels())
+    for (const LevelRecord &l : board_.gpio().levels())
         appendf(text, "%lld.%06lld %d %d%s\n", static_cast<long long>(l.timeUs / 1000000),
                 static_cast<long long>(l.timeUs % 1000000), l.line, l.level,
                 l.byShell ? " shell" : "");
     bool ok = writeLog(dir, "levels.log", text);
 
     text.clear();
-    for (const DacWord &d : board_.dacWords()) {
+    for (const DacWord &d : board_.gpio().dacWords()) {
         if (d.malformed)
             appendf(text, "%lld malformed bits=%d\n", static_cast<long long>(d.timeUs / 1000000),
                     d.bits);

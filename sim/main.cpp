@@ -12,8 +12,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <string>
 
+#include "report_recorder.h"
 #include "scenario.h"
 #include "view.h"
 
@@ -58,6 +60,7 @@ int main(int argc, char **argv)
 {
     stayOnOneCpu();
     zarvent::sim::RunOptions options;
+    std::string reportDir;
     bool show = false;
     for (int i = 1; i < argc; i++) {
         const std::string arg = argv[i];
@@ -73,7 +76,7 @@ int main(int argc, char **argv)
         else if (arg == "--show")
             show = true;
         else if (arg == "--report" && hasValue)
-            options.reportDir = argv[++i];
+            reportDir = argv[++i];
         else
             return usage();
     }
@@ -91,6 +94,11 @@ int main(int argc, char **argv)
         options.eachSecond = [&view](const zarvent::sim::SecondView &second) {
             view.second(second);
         };
+    std::optional<zarvent::sim::ReportRecorder> recorder;
+    if (!reportDir.empty()) {
+        recorder.emplace(reportDir, options.scenarioPath);
+        options.observer = &*recorder;
+    }
     const zarvent::sim::RunResult result = zarvent::sim::runScenario(options);
     if (!result.ok) {
         std::fprintf(stderr, "%s\n", result.error.c_str());
@@ -98,9 +106,9 @@ int main(int argc, char **argv)
     }
     std::printf("board files: %s/board   logs: %s/logs\n", options.outDir.c_str(),
                 options.outDir.c_str());
-    if (!options.reportDir.empty())
-        std::printf("report: %s/report.html   data: %s/series.csv\n", options.reportDir.c_str(),
-                    options.reportDir.c_str());
+    if (!reportDir.empty())
+        std::printf("report: %s/report.html   data: %s/series.csv\n", reportDir.c_str(),
+                    reportDir.c_str());
     if (result.daemonAborted) {
         std::fprintf(stderr, "%s\n", result.error.c_str());
         return 1;

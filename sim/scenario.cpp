@@ -6,7 +6,6 @@
 #include <fstream>
 #include <sstream>
 
-#include "report.h"
 #include "scheduler.h"
 #include "text.h"
 
@@ -22,54 +21,6 @@ struct Event {
     std::string text;
 };
 
-struct Scenario;
-
-// The report's record of a run: one row per board second, finished at the
-// next second's start, once the second's cycle has run.
-class Recorder {
-  public:
-    Recorder(const Scenario &scenario, const std::string &path);
-
-    void second(std::int64_t unixSecond, VirtualBoard &board, BoardModel &model,
-                zarvent::Daemon &daemon)
-    {
-        const BoardStats stats = model.stats();
-        if (!input_.seconds.empty()) {
-            ReportSecond &row = input_.seconds.back();
-            if (stats.phaseSecond == row.unixSecond) {
-                row.offsetRead = true;
-                row.readOffsetNs = stats.phaseReadNs;
-            }
-            const auto [requests, responses] = model.ptpCounts(row.unixSecond);
-            row.ptpRequests = std::max(requests, 0);
-            row.ptpResponses = std::max(responses, 0);
-            row.dacCode = stats.lastDacCode;
-            SharedState &shared = daemon.parts().shared;
-            row.steering = shared.steering;
-            row.alarm = shared.alarm;
-            const unsigned antenna = shared.antennaCode;
-            row.antennaFault = antenna != 0 && antenna != 7; // 7: antenna Ok
-        }
-        ReportSecond next;
-        next.unixSecond = unixSecond;
-        next.trueOffsetNs = stats.offsetNs;
-        next.referenceValid = board.rmcStatus() == 'A';
-        input_.seconds.push_back(next);
-    }
-
-    std::string write(const std::string &dir, VirtualBoard &board)
-    {
-        // The last second's cycle has not been recorded: drop its row.
-        if (!input_.seconds.empty())
-            input_.seconds.pop_back();
-        input_.statusPage = board.readFile("/ramcache/zarvent/ntp_data.txt").value_or("");
-        return writeReport(dir, input_);
-    }
-
-  private:
-    ReportInput input_;
-};
-
 struct Scenario {
     std::int64_t start = 1794835620; // 2026-11-16T13:27:00 UTC
     std::int64_t durationS = 600;
@@ -77,18 +28,6 @@ struct Scenario {
     BoardConfig config;
     std::vector<Event> events;
 };
-
-Recorder::Recorder(const Scenario &scenario, const std::string &path)
-{
-    input_.title = path.empty() ? "scenario" : std::filesystem::path(path).stem().string();
-    const BoardConfig &c = scenario.config;
-    input_.oscillator =
-        format("%s gain %.3f ppb/code, natural code %d, white phase noise %.1f ns, "
-               "random walk %.4f ppb/s, temperature +-%.2f ppb, ageing %.2f ppb/day",
-               c.oscillator.empty() ? "custom" : c.oscillator.c_str(), c.gain, c.naturalCode,
-               c.noiseNs, c.randomWalkPpb, c.temperaturePpb, c.ageingPpbPerDay);
-    input_.seconds.reserve(static_cast<std::size_t>(std::max<std::int64_t>(scenario.durationS, 0)));
-}
 
 std::optional<std::int64_t> parseStart(const std::string &text)
 {
@@ -191,7 +130,7 @@ class Run {
         if (scheduler_ != nullptr)
             scheduler_->wait(us);
         else
-            board_.setNowUs(board_.nowUs() + us);
+            board_.clock().setNowUs(board_.clock().nowUs() + us);
     }
 
     // Applies one event; the error text when the model does not know it.
@@ -202,7 +141,7 @@ class Run {
             // Taken 0.9 s into the second, after the second's cycle.
             wait(900000);
             const auto content =
-                board_.readFile(w.size() >= 3 ? w[2] : "/ramcache/zarvent/ntp_data.txt");
+                board_.files().readFile(w.size() >= 3 ? w[2] : "/ramcache/zarvent/ntp_data.txt");
             std::error_code error;
             std::filesystem::create_directories(logDir_, error);
             std::ofstream(logDir_ + "/" + w[1], std::ios::binary) << content.value_or("");
@@ -216,15 +155,14 @@ class Run {
     RunResult run(const Scenario &scenario)
     {
         RunResult result;
-        std::optional<Recorder> recorder;
-        if (!options_.reportDir.empty())
-            recorder.emplace(scenario, options_.scenarioPath);
+        if (options_.observer != nullptr)
+            options_.observer->started(scenario.config, scenario.durationS);
         const auto &events = scenario.events;
         std::size_t next = 0;
         for (; next < events.size() && events[next].atS <= 0; next++)
             if (result.error = apply(events[next]); !result.error.empty())
                 return result;
-        board_.setCommandCostUs(scenario.commandCostUs);
+        board_.clock().setCommandCostUs(scenario.commandCostUs);
         if (options_.beforeStart)
             options_.beforeStart(board_, model_);
         Scheduler scheduler(board_, options_.pace);
@@ -244,36 +182,36 @@ class Run {
             daemon.startThreads();
             const std::int64_t startUs = scenario.start * 1000000;
             for (std::int64_t second = 1; second <= scenario.durationS; second++) {
-                wait(startUs + second * 1000000 - board_.nowUs());
-                if (board_.aborted())
+                wait(startUs + second * 1000000 - board_.clock().nowUs());
+                if (board_.process().aborted())
                     break;
                 for (; next < events.size() && events[next].atS <= second; next++)
                     if (result.error = apply(events[next]); !result.error.empty())
                         return result;
-                if (recorder)
-                    recorder->second(scenario.start + second, board_, model_, daemon);
+                const SecondView view{scenario.start + second, board_, model_, daemon};
+                if (options_.observer != nullptr)
+                    options_.observer->second(view);
                 if (options_.eachSecond)
-                    options_.eachSecond({scenario.start + second, board_, model_, daemon});
+                    options_.eachSecond(view);
                 if (options_.stop != nullptr && options_.stop->load())
                     break;
             }
         } catch (const SimulationEnded &) {
             // The daemon aborted on the run's own thread (during its start).
         }
-        result.daemonAborted = board_.aborted();
+        result.daemonAborted = board_.process().aborted();
         if (result.daemonAborted)
             result.error = format("the daemon aborted at board time %lld.%06lld",
-                                  static_cast<long long>(board_.nowUs() / 1000000),
-                                  static_cast<long long>(board_.nowUs() % 1000000));
+                                  static_cast<long long>(board_.clock().nowUs() / 1000000),
+                                  static_cast<long long>(board_.clock().nowUs() % 1000000));
         if (!model_.writeLogs(logDir_)) {
             result.error = "cannot write the logs in " + logDir_;
             return result;
         }
         // What the daemon wrote to its standard error.
-        std::ofstream(logDir_ + "/stderr.log", std::ios::binary) << board_.errorOutput();
-        if (recorder) {
-            if (const std::string error = recorder->write(options_.reportDir, board_);
-                !error.empty()) {
+        std::ofstream(logDir_ + "/stderr.log", std::ios::binary) << board_.process().errorOutput();
+        if (options_.observer != nullptr) {
+            if (const std::string error = options_.observer->finished(board_); !error.empty()) {
                 result.error = error;
                 return result;
             }

@@ -38,6 +38,20 @@ struct SecondView {
     zarvent::Daemon &daemon;
 };
 
+// Watches a run from outside: the report of a run records it so.
+class RunObserver {
+  public:
+    virtual ~RunObserver() = default;
+    // Before the scenario's first commands: the board and the board seconds
+    // it is to run.
+    virtual void started(const BoardConfig &config, std::int64_t durationS) = 0;
+    // Once per board second, before eachSecond.
+    virtual void second(const SecondView &view) = 0;
+    // After the run, once its logs are written: the reason when what the
+    // observer writes cannot be written.
+    virtual std::string finished(VirtualBoard &board) = 0;
+};
+
 struct RunOptions {
     std::string scenarioPath;   // a scenario file, or
     std::string scenarioText;   // the scenario itself when no path is given
@@ -48,7 +62,7 @@ struct RunOptions {
     // Once the board is laid out and before the daemon starts.
     std::function<void(VirtualBoard &, BoardModel &)> beforeStart;
     const std::atomic<bool> *stop = nullptr; // ends the run at the next second
-    std::string reportDir; // when set: report.html and series.csv of the run there
+    RunObserver *observer = nullptr;
 };
 
 struct RunResult {

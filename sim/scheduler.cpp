@@ -20,7 +20,7 @@ struct Scheduler::Thread {
 
 Scheduler::Scheduler(VirtualBoard &board, double pace)
     : board_(board), pace_(pace), realStart_(std::chrono::steady_clock::now()),
-      virtualStartUs_(board.nowUs())
+      virtualStartUs_(board.clock().nowUs())
 {
     {
         const std::lock_guard lock(mutex_);
@@ -30,13 +30,13 @@ Scheduler::Scheduler(VirtualBoard &board, double pace)
         current_ = owner.get();
         threads_.push_back(std::move(owner));
     }
-    board_.attachScheduler(this);
+    board_.process().attachScheduler(this);
 }
 
 Scheduler::~Scheduler()
 {
     finish();
-    board_.attachScheduler(nullptr);
+    board_.process().attachScheduler(nullptr);
 }
 
 Scheduler::Thread *Scheduler::find() const
@@ -76,12 +76,12 @@ void Scheduler::passBaton(std::unique_lock<std::mutex> &lock, Thread *self)
     }
     if (next == nullptr)
         return;
-    const std::int64_t now = board_.nowUs();
+    const std::int64_t now = board_.clock().nowUs();
     if (next->wake > now) {
         lock.unlock();
         pause(next->wake);
         lock.lock();
-        board_.setNowUs(next->wake);
+        board_.clock().setNowUs(next->wake);
     }
     current_ = next;
     if (next == self)
@@ -102,7 +102,7 @@ void Scheduler::wait(std::int64_t us)
     Thread *self = find();
     if (self == nullptr) {
         lock.unlock();
-        board_.setNowUs(board_.nowUs() + us);
+        board_.clock().setNowUs(board_.clock().nowUs() + us);
         return;
     }
     const bool owner = self == threads_.front().get();
@@ -110,7 +110,7 @@ void Scheduler::wait(std::int64_t us)
         throw SimulationEnded{};
     if (aborted_)
         return;
-    self->wake = board_.nowUs() + std::max<std::int64_t>(us, 0);
+    self->wake = board_.clock().nowUs() + std::max<std::int64_t>(us, 0);
     self->sequence = ++sequence_;
     passBaton(lock, self);
     if (self->ending)
@@ -122,7 +122,7 @@ void Scheduler::startThread(std::function<void()> entry)
     const std::lock_guard lock(mutex_);
     auto thread = std::make_unique<Thread>();
     Thread &t = *thread;
-    t.wake = board_.nowUs();
+    t.wake = board_.clock().nowUs();
     t.sequence = ++sequence_;
     threads_.push_back(std::move(thread));
     // The new thread looks itself up only under mutex_, after its id is set.

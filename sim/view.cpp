@@ -20,7 +20,7 @@ constexpr int kPlotRows = 11;
 // The status page as the web interface shows it: tags removed, tabs kept.
 void printPage(const VirtualBoard &board)
 {
-    const auto page = board.readFile("/ramcache/zarvent/ntp_data.txt");
+    const auto page = board.files().readFile("/ramcache/zarvent/ntp_data.txt");
     if (!page) {
         std::printf("  (no status page yet)\n");
         return;
@@ -49,7 +49,7 @@ std::vector<long> chartPoints(const VirtualBoard &board)
     std::vector<std::string> names;
     std::error_code error;
     for (const auto &entry :
-         std::filesystem::directory_iterator(board.hostPath("/ramcache/zarvent"), error)) {
+         std::filesystem::directory_iterator(board.files().hostPath("/ramcache/zarvent"), error)) {
         const std::string name = entry.path().filename().string();
         if (name.starts_with("ptp_data_") && name.find('~') != std::string::npos)
             names.push_back(name);
@@ -57,7 +57,8 @@ std::vector<long> chartPoints(const VirtualBoard &board)
     std::sort(names.begin(), names.end());
     std::vector<long> points;
     for (std::size_t i = names.size() < 3 ? 0 : names.size() - 3; i < names.size(); i++) {
-        const std::string text = board.readFile("/ramcache/zarvent/" + names[i]).value_or("");
+        const std::string text =
+            board.files().readFile("/ramcache/zarvent/" + names[i]).value_or("");
         for (std::size_t p = text.find("), "); p != std::string::npos; p = text.find("), ", p + 1))
             points.push_back(std::strtol(text.c_str() + p + 3, nullptr, 10));
     }
@@ -93,7 +94,7 @@ void printPlot(const VirtualBoard &board)
 
 const char *led(const VirtualBoard &board, int line)
 {
-    const int level = board.level(line);
+    const int level = board.gpio().level(line);
     return level < 0 ? "?" : level != 0 ? "1" : "0";
 }
 

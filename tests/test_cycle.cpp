@@ -15,13 +15,13 @@ class CycleTest : public BoardTest {
     CycleTest()
     {
         shared.taiOffset = 37;
-        board.setFpgaConfigured(true);
-        board.provideLine(19, false, 0);
+        board.fpga().setConfigured(true);
+        board.gpio().provideLine(19, false, 0);
     }
     // Polls line 19 every 500 µs for the given virtual time.
     void pollFor(std::int64_t us)
     {
-        for (const std::int64_t end = board.nowUs() + us; board.nowUs() < end;) {
+        for (const std::int64_t end = board.clock().nowUs() + us; board.clock().nowUs() < end;) {
             cycle.poll();
             board.sleepMicroseconds(500);
         }
@@ -30,13 +30,13 @@ class CycleTest : public BoardTest {
     void cycles(int count)
     {
         for (int i = 0; i < count; ++i) {
-            board.setNowUs((board.nowUs() / kSecondUs + 1) * kSecondUs);
+            board.clock().setNowUs((board.clock().nowUs() / kSecondUs + 1) * kSecondUs);
             cycle.runCycle();
         }
     }
     std::size_t count(const std::string &line) const
     {
-        return board.countCommand(line);
+        return board.tools().countCommand(line);
     }
 
     Dac &dac = parts.dac;
@@ -45,32 +45,32 @@ class CycleTest : public BoardTest {
 
 TEST_F(CycleTest, OneCyclePerHighPhase)
 {
-    board.setPulse(19, 900000); // high for 900 ms of each second, from the start
+    board.gpio().setPulse(19, 900000); // high for 900 ms of each second, from the start
     cycle.setup();
     pollFor(2 * kSecondUs + 500000);
     EXPECT_EQ(count("./spiWrite -m 0 -l 6 -d 4 14 0 0 0 0"), 3u);
 
     // Once a cycle has run, a low read followed by a high one in the same
     // poll does not arm the next cycle.
-    board.setPulse(19, 0);
-    board.setInput(19, 1);
-    board.queueReads(19, {0, 1});
+    board.gpio().setPulse(19, 0);
+    board.gpio().setInput(19, 1);
+    board.gpio().queueReads(19, {0, 1});
     pollFor(10000);
     EXPECT_EQ(count("./spiWrite -m 0 -l 6 -d 4 14 0 0 0 0"), 3u);
-    board.setInput(19, 0);
+    board.gpio().setInput(19, 0);
     pollFor(1000);
-    board.setInput(19, 1);
+    board.gpio().setInput(19, 1);
     pollFor(1000);
     EXPECT_EQ(count("./spiWrite -m 0 -l 6 -d 4 14 0 0 0 0"), 4u);
 }
 
 TEST_F(CycleTest, SetupOwnsTheDacLines)
 {
-    board.writeFile("/usr/bin/Zarvent/dac_voltage", "33000\n");
+    board.files().writeFile("/usr/bin/Zarvent/dac_voltage", "33000\n");
     cycle.setup();
-    EXPECT_EQ(board.edge(19), "rising");
-    EXPECT_EQ(board.direction(106), "out");
-    const auto words = board.dacWords();
+    EXPECT_EQ(board.gpio().edge(19), "rising");
+    EXPECT_EQ(board.gpio().direction(106), "out");
+    const auto words = board.gpio().dacWords();
     ASSERT_EQ(words.size(), 2u);
     EXPECT_EQ(words[0].word, 0x408000u);
     EXPECT_EQ(words[1].word, 0x380E80u);
@@ -80,7 +80,7 @@ TEST_F(CycleTest, SetupOwnsTheDacLines)
 TEST_F(CycleTest, CycleTimeIsTheNearestSecond)
 {
     // A pulse seen 3 ms before the boundary belongs to the coming second.
-    board.setNowUs(kStart * kSecondUs - 3000);
+    board.clock().setNowUs(kStart * kSecondUs - 3000);
     cycle.runCycle();
     const std::tm t = shared.cycleTime();
     EXPECT_EQ(t.tm_min, 27);
@@ -90,7 +90,7 @@ TEST_F(CycleTest, CycleTimeIsTheNearestSecond)
 TEST_F(CycleTest, QualificationGatesHandOverAndSteering)
 {
     dac.configureLines();
-    board.setRegister(2, 0x02);
+    board.fpga().setRegister(2, 0x02);
     cycles(59);
     EXPECT_FALSE(shared.steering);
     EXPECT_TRUE(registerWrites().empty());
@@ -98,20 +98,20 @@ TEST_F(CycleTest, QualificationGatesHandOverAndSteering)
     EXPECT_TRUE(shared.steering);
     EXPECT_EQ(registerWrites(), (std::vector<std::string>{"./spiWrite -m 1 -l 3 -d 1 1 3 0",
                                                           "./spiWrite -m 1 -l 3 -d 1 1 3 0"}));
-    EXPECT_EQ(board.dacWords().size(), 2u);
-    board.clearCommands();
-    board.setRmcStatus('V');
+    EXPECT_EQ(board.gpio().dacWords().size(), 2u);
+    board.tools().clearCommands();
+    board.ntp().setRmcStatus('V');
     cycles(1); // hands the time over, then loses the receiver: no steering
     EXPECT_FALSE(shared.steering);
     EXPECT_EQ(count("/usr/bin/Zarvent/spiWrite -m 1 -l 3 -d 1 10 1\n"), 1u);
     EXPECT_EQ(count("./spiWrite -m 1 -l 3 -d 1 1 2 0"), 1u);
-    EXPECT_EQ(board.dacWords().size(), 2u);
+    EXPECT_EQ(board.gpio().dacWords().size(), 2u);
     // The first invalid cycle after 59 valid ones starts the count anew.
-    board.setRmcStatus('A');
+    board.ntp().setRmcStatus('A');
     cycles(59);
-    board.setRmcStatus('V');
+    board.ntp().setRmcStatus('V');
     cycles(1);
-    board.setRmcStatus('A');
+    board.ntp().setRmcStatus('A');
     cycles(59);
     EXPECT_FALSE(shared.steering);
     cycles(1);
@@ -121,11 +121,11 @@ TEST_F(CycleTest, QualificationGatesHandOverAndSteering)
 TEST_F(CycleTest, ReceiverQueryThatCannotStartChangesNothing)
 {
     shared.steering = true;
-    board.failCommand("ntpq -c clockvar");
+    board.tools().failCommand("ntpq -c clockvar");
     parts.offset.qualifyReceiver();
     EXPECT_TRUE(shared.steering);
     EXPECT_TRUE(registerWrites().empty());
-    board.onCommand("ntpq -c clockvar", "associd=0 status=0000\n");
+    board.tools().onCommand("ntpq -c clockvar", "associd=0 status=0000\n");
     parts.offset.qualifyReceiver(); // too short: no valid data
     EXPECT_FALSE(shared.steering);
 }
@@ -139,11 +139,11 @@ class HandoverTest : public CycleTest {
 
 TEST_F(HandoverTest, WorkedExample)
 {
-    board.onCommand("ntptime", ntptimeAt(kAt));
+    board.tools().onCommand("ntptime", ntptimeAt(kAt));
     handover.setNumber(5);
     const auto reading = readCurrentTime(runner, shared);
     ASSERT_TRUE(reading);
-    board.clearCommands();
+    board.tools().clearCommands();
     // The alarm thread may rewrite the shared stamp meanwhile: the hand-over
     // uses this cycle's own readings.
     shared.setEvent("Nov 16 2026 13:27:00.000", "eea58300.00000000 ");
@@ -158,14 +158,14 @@ TEST_F(HandoverTest, WorkedExample)
 
 TEST_F(HandoverTest, SecondThatRollsOverLeavesTheHandOverOpen)
 {
-    board.onCommandOnce("ntptime", ntptimeAt(kAt));
-    board.onCommandOnce("ntptime", ntptimeAt(kAt + 900000));
+    board.tools().onCommandOnce("ntptime", ntptimeAt(kAt));
+    board.tools().onCommandOnce("ntptime", ntptimeAt(kAt + 900000));
     handover.setNumber(5);
     handover.handOver(*readCurrentTime(runner, shared));
     EXPECT_EQ(count("/usr/bin/Zarvent/spiWrite -m 1 -l 3 -d 1 11 5\n"), 0u);
     EXPECT_EQ(handover.number(), 5);
 
-    board.onCommand("ntptime", ntptimeAt(kAt));
+    board.tools().onCommand("ntptime", ntptimeAt(kAt));
     handover.setNumber(255);
     handover.handOver(*readCurrentTime(runner, shared));
     EXPECT_EQ(count("/usr/bin/Zarvent/spiWrite -m 1 -l 3 -d 1 11 255\n"), 1u);
@@ -179,7 +179,7 @@ TEST_F(HandoverTest, TimeInAnotherFormIsNoReading)
     const std::string before = shared.stamp();
     // ntpsec's ISO line, the same every time: neither the page nor a
     // hand-over may take it.
-    board.onCommand("ntptime", "ntp_gettime() returns code 0 (OK)\n"
+    board.tools().onCommand("ntptime", "ntp_gettime() returns code 0 (OK)\n"
                                "  time eeade443.45e05000 2026-11-22T21:59:31.272Z, (.272954),\n");
     EXPECT_FALSE(readCurrentTime(runner, shared));
     EXPECT_EQ(shared.stamp(), before);
@@ -192,41 +192,41 @@ TEST_F(HandoverTest, TimeInAnotherFormIsNoReading)
 TEST_F(CycleTest, OffsetTextAndJitterBlocks)
 {
     OffsetReadout &offset = parts.offset;
-    board.setRegister(14, 50000000);
+    board.fpga().setRegister(14, 50000000);
     EXPECT_EQ(offset.readOffset(), -500000000);
     EXPECT_EQ(offsetAsShown(-500000000), -5000000);
-    board.setRegister(14, 5);
+    board.fpga().setRegister(14, 5);
     for (int i = 1; i < 127; ++i)
         offset.readOffset();
     EXPECT_EQ(shared.jitterNs, 0);
-    board.setRegister(14, 99999995);
+    board.fpga().setRegister(14, 99999995);
     offset.readOffset(); // the 128th ends the block
     EXPECT_EQ(shared.jitterNs, 500000050);
-    board.setRegister(14, 5);
+    board.fpga().setRegister(14, 5);
     for (int i = 0; i < 128; ++i)
         offset.readOffset();
     EXPECT_EQ(shared.jitterNs, 100); // the next block starts from +50
-    board.setRegisterToolFault(sim::RegisterToolFault::Garbage);
+    board.fpga().setRegisterToolFault(sim::RegisterToolFault::Garbage);
     EXPECT_EQ(offset.readOffset(), 0);
 }
 
 TEST_F(CycleTest, RelayResetFiveSecondsAfterAnEvent)
 {
     RelayReset &relay = parts.relay;
-    board.setRegister(2, 0x01);
-    board.setRegister(28, 1);
+    board.fpga().setRegister(2, 0x01);
+    board.fpga().setRegister(28, 1);
     relay.acknowledge(100);
-    board.setRegister(28, 0); // gone at the next read: the pulse still comes
+    board.fpga().setRegister(28, 0); // gone at the next read: the pulse still comes
     for (std::int64_t t = 101; t <= 104; ++t)
         relay.acknowledge(t);
     EXPECT_TRUE(registerWrites().empty());
     relay.acknowledge(105);
     EXPECT_EQ(registerWrites(), (std::vector<std::string>{"./spiWrite -m 1 -l 3 -d 1 2 3 0",
                                                           "./spiWrite -m 1 -l 3 -d 1 2 1 0"}));
-    board.clearCommands();
-    board.setRegister(28, 3);
+    board.tools().clearCommands();
+    board.fpga().setRegister(28, 3);
     relay.acknowledge(200);
-    board.setRegister(28, 0);
+    board.fpga().setRegister(28, 0);
     relay.acknowledge(205); // both in one call: bit 1 first
     EXPECT_EQ(registerWrites(), (std::vector<std::string>{"./spiWrite -m 1 -l 3 -d 1 2 3 0",
                                                           "./spiWrite -m 1 -l 3 -d 1 2 1 0",
@@ -238,8 +238,8 @@ TEST_F(CycleTest, ClientIndicatorFlashesOnTheLowByte)
 {
     ClientIndicator &client = parts.client;
     for (auto [responses, flash] : {std::pair{0, false}, {256, false}, {65535, true}, {1, true}}) {
-        board.clearCommands();
-        board.setRegister(26, static_cast<std::uint64_t>(responses));
+        board.tools().clearCommands();
+        board.fpga().setRegister(26, static_cast<std::uint64_t>(responses));
         client.switchOff();
         client.flashOnResponses();
         EXPECT_EQ(count("echo 1 > /sys/class/gpio/gpio71/value"), flash ? 1u : 0u) << responses;
@@ -252,11 +252,11 @@ class SteeringTest : public CycleTest {
     SteeringTest()
     {
         dac.configureLines();
-        board.setNowUs((kStart + 38 * 60 + 59) * kSecondUs); // 14:05:59
+        board.clock().setNowUs((kStart + 38 * 60 + 59) * kSecondUs); // 14:05:59
     }
     void steerAt(std::int64_t unixSecond)
     {
-        board.setNowUs(unixSecond * kSecondUs);
+        board.clock().setNowUs(unixSecond * kSecondUs);
         shared.setCycleTime(*board.localTime(unixSecond));
         steering.steer(100);
     }
@@ -272,13 +272,13 @@ class SteeringTest : public CycleTest {
 
 TEST_F(SteeringTest, CentreFromItsFileWithARangeCheck)
 {
-    board.writeFile("/usr/bin/Zarvent/dac_voltage", "40000\n");
+    board.files().writeFile("/usr/bin/Zarvent/dac_voltage", "40000\n");
     steerAt(kStart);
     EXPECT_EQ(steering.centre(), 40000);
-    board.writeFile("/usr/bin/Zarvent/dac_voltage", "-3000000000\n");
+    board.files().writeFile("/usr/bin/Zarvent/dac_voltage", "-3000000000\n");
     steerAt(kStart + 1);
     EXPECT_EQ(steering.centre(), 40000);
-    EXPECT_EQ(board.dacWords().back().word,
+    EXPECT_EQ(board.gpio().dacWords().back().word,
               0x300000u | (static_cast<unsigned>(steering.code()) << 4));
     EXPECT_LT(steering.code(), 41000);
 }
@@ -300,29 +300,29 @@ TEST_F(SteeringTest, ChartFilesOfEveryRunStayWithinTheBound)
     // the placeholders.
     for (int i = 0; i < chart::kFilesKept + 5; ++i) {
         std::tm t = *board.localTime(kStart - 86400 + i * 60);
-        board.writeFile(chartFileName(t), "[new Date(\"\"), 0],\n");
+        board.files().writeFile(chartFileName(t), "[new Date(\"\"), 0],\n");
     }
-    board.writeFile("/ramcache/zarvent/ptp_data_0000_00_01", "");
+    board.files().writeFile("/ramcache/zarvent/ptp_data_0000_00_01", "");
     steerAt(kStart);
     EXPECT_EQ(chartFiles(), static_cast<std::size_t>(chart::kFilesKept));
-    EXPECT_FALSE(board.exists(chartFileName(*board.localTime(kStart - 86400 + 5 * 60))));
-    EXPECT_TRUE(board.exists(chartFileName(*board.localTime(kStart - 86400 + 6 * 60))));
-    EXPECT_TRUE(board.exists("/ramcache/zarvent/ptp_data_0000_00_01"));
+    EXPECT_FALSE(board.files().exists(chartFileName(*board.localTime(kStart - 86400 + 5 * 60))));
+    EXPECT_TRUE(board.files().exists(chartFileName(*board.localTime(kStart - 86400 + 6 * 60))));
+    EXPECT_TRUE(board.files().exists("/ramcache/zarvent/ptp_data_0000_00_01"));
 
     // A RAM disk that fills up from elsewhere takes chart files first.
-    board.setRamDisk(1200, 2048);
+    board.files().setRamDisk(1200, 2048);
     runner.run("mount /dev/ram1 /ramcache", PipeMode::Read);
     steerAt(kStart + 60);
     EXPECT_LE(chartFiles(), 300u); // 600 blocks of structures, one block a file
     EXPECT_GT(chartFiles(), 250u);
-    EXPECT_TRUE(board.exists(chartFileName(*board.localTime(kStart + 60))));
+    EXPECT_TRUE(board.files().exists(chartFileName(*board.localTime(kStart + 60))));
 
     // Tight even with every older chart gone: the current minute's file stays.
-    board.setRamDisk(700, 2048);
+    board.files().setRamDisk(700, 2048);
     runner.run("mount /dev/ram1 /ramcache", PipeMode::Read);
     steerAt(kStart + 120);
     EXPECT_EQ(chartFiles(), 1u);
-    EXPECT_TRUE(board.exists(chartFileName(*board.localTime(kStart + 120))));
+    EXPECT_TRUE(board.files().exists(chartFileName(*board.localTime(kStart + 120))));
 }
 
 } // namespace

@@ -17,28 +17,28 @@ using DaemonTest = BoardTest;
 
 TEST_F(DaemonTest, RamDiskAndMarkers)
 {
-    board.setNowUs((kStart + 45 * 86400 + 37979) * 1'000'000); // 2026-12-31 23:59:59
-    board.writeFile("/ramcache/zarvent/ntp.drift", "old drift\n");
+    board.clock().setNowUs((kStart + 45 * 86400 + 37979) * 1'000'000); // 2026-12-31 23:59:59
+    board.files().writeFile("/ramcache/zarvent/ntp.drift", "old drift\n");
     Daemon daemon(board);
     daemon.prepareRamDisk();
     // The start-time marker is named from the local time at start, and the
     // markers are made through a pipe opened for writing.
-    const auto commands = board.commands();
+    const auto commands = board.tools().commands();
     ASSERT_FALSE(commands.empty());
     EXPECT_EQ(commands.back().line, "touch /ramcache/zarvent/23_59_2026-12-31.time");
     EXPECT_EQ(commands.back().mode, PipeMode::Write);
     EXPECT_EQ(file("/ramcache/zarvent/ntp.drift"), "");
-    EXPECT_TRUE(board.exists("/ramcache/zarvent/ptp_data_0000_00_03"));
+    EXPECT_TRUE(board.files().exists("/ramcache/zarvent/ptp_data_0000_00_03"));
     EXPECT_EQ(daemon.parts().shared.cycleTime().tm_mday, 31);
     daemon.startThreads();
-    EXPECT_EQ(board.threadCount(), 3u);
+    EXPECT_EQ(board.process().threadCount(), 3u);
 }
 
 class FpgaTest : public BoardTest {
   protected:
     FpgaTest()
     {
-        board.setFpgaConfigured(false);
+        board.fpga().setConfigured(false);
     }
     FpgaLoader fpga{board, runner, gpio, registers};
     const std::string write1 = "./spiWrite -m 1 -l 3 -d 1 1 0 0";
@@ -47,51 +47,51 @@ class FpgaTest : public BoardTest {
 TEST_F(FpgaTest, LoadsOnceAndWaitsForTheAnswer)
 {
     fpga.setup();
-    EXPECT_EQ(board.direction(182), "in");
-    EXPECT_EQ(board.direction(13), "in");
-    board.onCommandOnce(write1, toolOutput("FF FF FF\n"));
-    board.onCommandOnce(write1, toolOutput("AA AA A5")); // no line end: no answer
-    board.onCommandOnce("./spiWrite -m 0 -l 3 -d 1 2 0", toolOutput("ioctl: bad address\n"));
-    board.setFpgaConfigured(true);
-    const std::int64_t before = board.nowUs();
+    EXPECT_EQ(board.gpio().direction(182), "in");
+    EXPECT_EQ(board.gpio().direction(13), "in");
+    board.tools().onCommandOnce(write1, toolOutput("FF FF FF\n"));
+    board.tools().onCommandOnce(write1, toolOutput("AA AA A5")); // no line end: no answer
+    board.tools().onCommandOnce("./spiWrite -m 0 -l 3 -d 1 2 0", toolOutput("ioctl: bad address\n"));
+    board.fpga().setConfigured(true);
+    const std::int64_t before = board.clock().nowUs();
     fpga.loadUntilConfigured();
     EXPECT_TRUE(fpga.configured());
-    EXPECT_EQ(board.countCommand("./wrFPGA --file Version_1.rbf"), 1u);
-    EXPECT_EQ(board.countCommand(write1), 3u); // the failed read wrote nothing
-    EXPECT_EQ(board.nowUs() - before, 3'000'000);
-    board.clearCommands();
+    EXPECT_EQ(board.tools().countCommand("./wrFPGA --file Version_1.rbf"), 1u);
+    EXPECT_EQ(board.tools().countCommand(write1), 3u); // the failed read wrote nothing
+    EXPECT_EQ(board.clock().nowUs() - before, 3'000'000);
+    board.tools().clearCommands();
     fpga.loadUntilConfigured();
-    EXPECT_TRUE(board.commands().empty());
+    EXPECT_TRUE(board.tools().commands().empty());
 }
 
 TEST_F(FpgaTest, LoaderThatCannotStartStillChecksTheFpga)
 {
-    board.failCommand("./wrFPGA --file Version_1.rbf");
-    board.setFpgaConfigured(true);
+    board.tools().failCommand("./wrFPGA --file Version_1.rbf");
+    board.fpga().setConfigured(true);
     fpga.loadUntilConfigured();
     EXPECT_TRUE(fpga.configured());
-    EXPECT_EQ(board.countCommand(write1), 1u);
+    EXPECT_EQ(board.tools().countCommand(write1), 1u);
 }
 
 TEST(Threads, DaemonThreadsAtOnce)
 {
     sim::VirtualBoard board(kStart);
     board.boardTree();
-    board.provideLine(19, false, 0);
-    board.setPulse(19, 100000);
+    board.gpio().provideLine(19, false, 0);
+    board.gpio().setPulse(19, 100000);
     for (int line : {79, 86, 87, 88})
-        board.provideLine(line, false, 1);
-    board.writeFile("/usr/bin/Zarvent/enable.cfg", "1\n");
+        board.gpio().provideLine(line, false, 1);
+    board.files().writeFile("/usr/bin/Zarvent/enable.cfg", "1\n");
     Daemon daemon(board);
     daemon.prepareRamDisk();
     daemon.startThreads();
-    board.runRecordedThreads();
+    board.process().runRecordedThreads();
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
-    board.stop();
-    EXPECT_GT(board.countCommand("./spiWrite -m 0 -l 6 -d 4 14 0 0 0 0"), 0u);
-    EXPECT_GT(board.countCommand("ntpq -p | grep '*G'"), 0u);
-    EXPECT_GT(board.loaderRuns(), 0);
-    for (const auto &word : board.dacWords())
+    board.process().stop();
+    EXPECT_GT(board.tools().countCommand("./spiWrite -m 0 -l 6 -d 4 14 0 0 0 0"), 0u);
+    EXPECT_GT(board.tools().countCommand("ntpq -p | grep '*G'"), 0u);
+    EXPECT_GT(board.fpga().loaderRuns(), 0);
+    for (const auto &word : board.gpio().dacWords())
         EXPECT_FALSE(word.malformed);
 }
 
@@ -103,25 +103,25 @@ TEST(Threads, StopEndsEveryThreadAndClosesAll)
     board.boardTree();
     sim::BoardModel model(board, {});
     model.command({"rmc", "A"});
-    board.writeFile("/usr/bin/Zarvent/enable.cfg", "1\n");
+    board.files().writeFile("/usr/bin/Zarvent/enable.cfg", "1\n");
     sim::Scheduler scheduler(board, 0);
     {
         Daemon daemon(board);
         daemon.prepareRamDisk();
         daemon.startThreads();
         scheduler.wait(70'000'000); // steering and statistics under way
-        EXPECT_GT(board.openDescriptors(), 0);
-        board.requestStop();
-        const std::int64_t asked = board.nowUs();
+        EXPECT_GT(board.descriptors().openCount(), 0);
+        board.process().requestStop();
+        const std::int64_t asked = board.clock().nowUs();
         EXPECT_TRUE(board.waitForStopRequest(std::chrono::seconds(1)));
         board.joinThreads();
-        EXPECT_LT(board.nowUs() - asked, 5'000'000);
+        EXPECT_LT(board.clock().nowUs() - asked, 5'000'000);
         EXPECT_EQ(scheduler.liveThreads(), 1u);
-        const auto words = board.dacWords().size();
+        const auto words = board.gpio().dacWords().size();
         scheduler.wait(3'000'000);
-        EXPECT_EQ(board.dacWords().size(), words); // nothing runs any more
+        EXPECT_EQ(board.gpio().dacWords().size(), words); // nothing runs any more
     }
-    EXPECT_EQ(board.openDescriptors(), 0);
+    EXPECT_EQ(board.descriptors().openCount(), 0);
 }
 
 // systemd hears READY once the daemon is up, WATCHDOG while every thread
@@ -132,17 +132,17 @@ TEST(Threads, WatchdogIsFedOnlyWhileEveryThreadProgresses)
     sim::VirtualBoard board(kStart);
     board.boardTree();
     sim::BoardModel model(board, {});
-    board.setWatchdogInterval(std::chrono::seconds(20));
+    board.process().setWatchdogInterval(std::chrono::seconds(20));
     sim::Scheduler scheduler(board, 0);
     Daemon daemon(board);
     board.startThread([&] {
         board.sleepSeconds(100);
-        board.holdNextRead(19, 300'000'000);
+        board.gpio().holdNextRead(19, 300'000'000);
         board.sleepSeconds(400);
-        board.requestStop();
+        board.process().requestStop();
     });
     EXPECT_EQ(daemon.run(), 0);
-    const auto sent = board.notifications();
+    const auto sent = board.process().notifications();
     ASSERT_GT(sent.size(), 2u);
     EXPECT_EQ(sent.front().second, "READY=1");
     EXPECT_EQ(sent[sent.size() - 2].second, "STOPPING=1");
@@ -155,7 +155,7 @@ TEST(Threads, WatchdogIsFedOnlyWhileEveryThreadProgresses)
     ASSERT_EQ(longGaps.size(), 1u);
     EXPECT_GT(longGaps[0], 140'000'000);
     EXPECT_LT(longGaps[0], 170'000'000);
-    EXPECT_NE(board.errorOutput().find("the cycle thread has made no progress"), std::string::npos);
+    EXPECT_NE(board.process().errorOutput().find("the cycle thread has made no progress"), std::string::npos);
 }
 
 } // namespace

@@ -18,45 +18,45 @@ TEST_F(HardwareTest, PinLayerFollowsSysfs)
     gpio.exportPin(GpioPin{70});
     gpio.setDirectionOut(GpioPin{70});
     EXPECT_LT(gpio.exportPin(GpioPin{70}), 0); // already exported: refused, nothing else
-    EXPECT_EQ(board.direction(70), "out");
+    EXPECT_EQ(board.gpio().direction(70), "out");
 
     gpio.exportPin(GpioPin{106});
     gpio.setDirectionOut(GpioPin{106});
     gpio.setLevel(GpioPin{106}, 1);
-    EXPECT_EQ(board.lastWrite(106), "1");
-    EXPECT_EQ(board.level(106), 1);
+    EXPECT_EQ(board.gpio().lastWrite(106), "1");
+    EXPECT_EQ(board.gpio().level(106), 1);
     gpio.exportPin(GpioPin{79});
     gpio.setDirectionIn(GpioPin{79});
-    board.setInput(79, 1);
+    board.gpio().setInput(79, 1);
     EXPECT_EQ(gpio.readLevel(GpioPin{79}), 1);
 
     EXPECT_LT(gpio.setEdge(GpioPin{5}, "rising"), 0);
-    EXPECT_EQ(board.errorOutput(), "gpio/set-edge: No such file or directory\n");
+    EXPECT_EQ(board.process().errorOutput(), "gpio/set-edge: No such file or directory\n");
     gpio.exportPin(GpioPin{19});
     EXPECT_EQ(gpio.setEdge(GpioPin{19}, "rising"), 0);
-    EXPECT_EQ(board.edge(19), "rising");
+    EXPECT_EQ(board.gpio().edge(19), "rising");
 }
 
 TEST_F(HardwareTest, KeptLineReadsAtOffsetZeroThroughOneDescriptor)
 {
     OpenPin pulse(board, GpioPin{19});
     EXPECT_EQ(pulse.read(), 0); // not exported yet
-    board.provideLine(19, false, 1);
+    board.gpio().provideLine(19, false, 1);
     for (int i = 0; i < 10; ++i)
         EXPECT_EQ(pulse.read(), 1);
-    board.setInput(19, 0);
+    board.gpio().setInput(19, 0);
     EXPECT_EQ(pulse.read(), 0);
-    EXPECT_EQ(board.openDescriptors(), 1);
+    EXPECT_EQ(board.descriptors().openCount(), 1);
 }
 
 TEST_F(HardwareTest, DacWords)
 {
     Dac &dac = parts.dac;
     dac.configureLines();
-    EXPECT_EQ(board.direction(96), "out");
-    EXPECT_EQ(board.level(96), 0);
-    EXPECT_EQ(board.level(106), 1);
-    EXPECT_EQ(board.level(118), 0);
+    EXPECT_EQ(board.gpio().direction(96), "out");
+    EXPECT_EQ(board.gpio().level(96), 0);
+    EXPECT_EQ(board.gpio().level(106), 1);
+    EXPECT_EQ(board.gpio().level(118), 0);
 
     struct {
         unsigned command, value, word;
@@ -66,26 +66,26 @@ TEST_F(HardwareTest, DacWords)
         {3, 33000, 0x380E80},
     };
     for (const auto &c : cases) {
-        const auto levelsBefore = board.levels().size();
+        const auto levelsBefore = board.gpio().levels().size();
         EXPECT_TRUE(dac.writeWord(c.command, c.value));
-        EXPECT_EQ(board.levels().size() - levelsBefore, 74u);
-        const sim::DacWord last = board.dacWords().back();
+        EXPECT_EQ(board.gpio().levels().size() - levelsBefore, 74u);
+        const sim::DacWord last = board.gpio().dacWords().back();
         EXPECT_EQ(last.word, c.word);
         EXPECT_FALSE(last.malformed);
-        EXPECT_EQ(board.level(106), 1); // select idle between words
+        EXPECT_EQ(board.gpio().level(106), 1); // select idle between words
     }
     EXPECT_FALSE(dac.writeWord(16, 0));
-    EXPECT_EQ(board.dacWords().size(), std::size(cases));
+    EXPECT_EQ(board.gpio().dacWords().size(), std::size(cases));
 }
 
 TEST_F(HardwareTest, RegisterReadModifyWrite)
 {
-    board.setRegister(2, 0x05);
+    board.fpga().setRegister(2, 0x05);
     EXPECT_EQ(registers.modifyControl(2, 0, PipeMode::Write), 7u);
     EXPECT_EQ(registers.modifyControl(0, 2, PipeMode::Write), 5u);
     EXPECT_EQ(registerWrites(), (std::vector<std::string>{"./spiWrite -m 1 -l 3 -d 1 2 7 0",
                                                           "./spiWrite -m 1 -l 3 -d 1 2 5 0"}));
-    board.setRegister(24, 4660);
+    board.fpga().setRegister(24, 4660);
     EXPECT_EQ(registers.readCounter(24), 4660u);
 }
 
@@ -99,11 +99,11 @@ TEST_F(HardwareTest, ValueThatDidNotComeFromTheRegisterIsNeverWritten)
         "",
     };
     for (const auto &output : outputs) {
-        board.onCommand("./spiWrite -m 0 -l 3 -d 1 2 0", output);
+        board.tools().onCommand("./spiWrite -m 0 -l 3 -d 1 2 0", output);
         EXPECT_EQ(registers.readControl(), std::nullopt) << output;
         EXPECT_EQ(registers.modifyControl(1, 0, PipeMode::Read), std::nullopt) << output;
     }
-    board.failCommand("./spiWrite -m 0 -l 3 -d 1 2 0");
+    board.tools().failCommand("./spiWrite -m 0 -l 3 -d 1 2 0");
     EXPECT_EQ(registers.modifyControl(1, 0, PipeMode::Read), std::nullopt);
     EXPECT_TRUE(registerWrites().empty());
 }

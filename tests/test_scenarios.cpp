@@ -101,7 +101,7 @@ TEST(Scenario, MetricsFollowTheBoard)
     bool seenLost = false;
     unsigned previousCode = 0;
     options.eachSecond = [&](const SecondView &v) {
-        const std::string text = v.board.readFile(metrics::kFile).value_or("");
+        const std::string text = v.board.files().readFile(metrics::kFile).value_or("");
         const auto value = [&](const std::string &series) {
             const std::size_t at = text.find("\n" + series + " ");
             return at == std::string::npos
@@ -126,7 +126,8 @@ TEST(Scenario, MetricsFollowTheBoard)
                 << t;
         }
         // The page of the same cycle.
-        const std::string page = v.board.readFile("/ramcache/zarvent/ntp_data.txt").value_or("");
+        const std::string page =
+            v.board.files().readFile("/ramcache/zarvent/ntp_data.txt").value_or("");
         EXPECT_EQ(value("zarvent_reference{state=\"none\"}"),
                   page.find("</b>    NULL\n") != std::string::npos ? "1" : "0")
             << t;

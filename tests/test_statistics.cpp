@@ -59,7 +59,7 @@ class StatisticsTest : public BoardTest {
   protected:
     StatisticsTest()
     {
-        board.writeFile("/usr/bin/Zarvent/enable.cfg", "1\n");
+        board.files().writeFile("/usr/bin/Zarvent/enable.cfg", "1\n");
     }
     StatCapture &capture = parts.capture;
     PacketCounters &counters = parts.counters;
@@ -67,36 +67,36 @@ class StatisticsTest : public BoardTest {
 
 TEST_F(StatisticsTest, MissingReadingCountsAsZero)
 {
-    board.writeFile("/usr/bin/Zarvent/enable.cfg", "0\n");
+    board.files().writeFile("/usr/bin/Zarvent/enable.cfg", "0\n");
     const PacketHistory &history = counters.history();
-    board.setRegister(26, 10);
+    board.fpga().setRegister(26, 10);
     counters.readCounters(kStart + 6);
-    board.setRegister(26, 65535);
-    board.setRegister(24, 41);
+    board.fpga().setRegister(26, 65535);
+    board.fpga().setRegister(24, 41);
     counters.readCounters(kStart + 7);
     EXPECT_EQ(history.responses.seconds[7], 0u);
     EXPECT_FLOAT_EQ(history.responses.average, 2.5f);
     EXPECT_EQ(history.requests.seconds[7], 41u); // read with the flag off too
-    EXPECT_EQ(board.spiExchanges(), 0);
-    board.setRegisterToolFault(sim::RegisterToolFault::Garbage);
+    EXPECT_EQ(board.spi().exchanges(), 0);
+    board.fpga().setRegisterToolFault(sim::RegisterToolFault::Garbage);
     counters.readCounters(kStart + 8);
     EXPECT_EQ(history.requests.seconds[8], 0u);
 }
 
 TEST_F(StatisticsTest, ExchangeEverySecondCycle)
 {
-    board.setRegister(48, 0x10);
-    board.setRegister(26, 0x1234);
-    board.setRegister(24, 0x0129);
+    board.fpga().setRegister(48, 0x10);
+    board.fpga().setRegister(26, 0x1234);
+    board.fpga().setRegister(24, 0x0129);
     capture.capture();
-    EXPECT_EQ(board.spiExchanges(), 0);
+    EXPECT_EQ(board.spi().exchanges(), 0);
     EXPECT_EQ(registerWrites(), std::vector<std::string>{"./spiWrite -m 1 -l 3 -d 1 1 20 0"});
     capture.capture();
-    EXPECT_EQ(board.spiExchanges(), 1);
+    EXPECT_EQ(board.spi().exchanges(), 1);
     capture.capture();
-    EXPECT_EQ(board.spiExchanges(), 1);
+    EXPECT_EQ(board.spi().exchanges(), 1);
 
-    const sim::SpiRecord spi = board.lastSpi();
+    const sim::SpiRecord spi = board.spi().last();
     EXPECT_EQ(spi.len, 1410u);
     EXPECT_EQ(spi.speedHz, 0u);
     EXPECT_EQ(spi.bitsPerWord, 8);
@@ -109,8 +109,8 @@ TEST_F(StatisticsTest, ExchangeEverySecondCycle)
     const std::string stat = file("/ftpdir/stat.txt");
     EXPECT_EQ(stat.substr(0, 16), " time2*\t     t1\n");
     EXPECT_EQ(stat.substr(stat.size() - 6), "52\n41\n"); // the counters' low bytes
-    EXPECT_FALSE(board.exists("/ftpdir/lock"));
-    EXPECT_EQ(board.openDescriptors(), 0);
+    EXPECT_FALSE(board.files().exists("/ftpdir/lock"));
+    EXPECT_EQ(board.descriptors().openCount(), 0);
 }
 
 TEST_F(StatisticsTest, DeviceFailureEndsTheDaemonWithThePreviousStatFile)
@@ -126,27 +126,27 @@ TEST_F(StatisticsTest, DeviceFailureEndsTheDaemonWithThePreviousStatFile)
     for (const auto &[op, message] : failures) {
         sim::VirtualBoard failing(kStart);
         failing.boardTree();
-        failing.writeFile("/ftpdir/stat.txt", "previous\n");
-        failing.failSpi(op);
+        failing.files().writeFile("/ftpdir/stat.txt", "previous\n");
+        failing.spi().fail(op);
         Runner r(failing);
         Registers regs(failing, r);
         StatCapture c(failing, r, regs);
         c.capture();
         EXPECT_THROW(c.capture(), sim::SimulationEnded);
-        EXPECT_TRUE(failing.aborted());
-        EXPECT_EQ(failing.errorOutput().rfind(message, 0), 0u) << failing.errorOutput();
-        EXPECT_EQ(failing.readFile("/ftpdir/stat.txt"), "previous\n");
-        EXPECT_TRUE(failing.exists("/ftpdir/lock"));
+        EXPECT_TRUE(failing.process().aborted());
+        EXPECT_EQ(failing.process().errorOutput().rfind(message, 0), 0u) << failing.process().errorOutput();
+        EXPECT_EQ(failing.files().readFile("/ftpdir/stat.txt"), "previous\n");
+        EXPECT_TRUE(failing.files().exists("/ftpdir/lock"));
     }
 }
 
 TEST_F(StatisticsTest, StatFileThatCannotBeOpenedLosesOneExchange)
 {
-    board.failOpen("/ftpdir/stat.txt", EACCES);
+    board.files().failOpen("/ftpdir/stat.txt", EACCES);
     capture.capture();
     capture.capture();
-    EXPECT_EQ(board.spiExchanges(), 1);
-    EXPECT_FALSE(board.exists("/ftpdir/lock"));
+    EXPECT_EQ(board.spi().exchanges(), 1);
+    EXPECT_FALSE(board.files().exists("/ftpdir/lock"));
     EXPECT_EQ(capture.phase(), 0);
 }
 
@@ -183,7 +183,7 @@ class PageTest : public StatisticsTest {
 
 TEST_F(PageTest, PageAsTheWebInterfaceReadsIt)
 {
-    board.writeFile("/usr/bin/Zarvent/nmea_emul_flag.txt", "1abc\n");
+    board.files().writeFile("/usr/bin/Zarvent/nmea_emul_flag.txt", "1abc\n");
     page.write(-50);
     EXPECT_EQ(file("/ramcache/zarvent/ntp_data.txt"),
               "<b>UTC</b>\t\t<b>Date:</b>\tNov 16 2026\n\t\t<b>Time:</b>\t13:27:46\n"
@@ -198,7 +198,7 @@ TEST_F(PageTest, PageAsTheWebInterfaceReadsIt)
               "<b>Response per Hour:</b>\t4\t4582.00\n"
               "<b>Request per Day:</b>\t7\n<b>Response per Day:</b>\t8\n"
               "\n<b>Antenna:</b> Ok\n<b>GPS Emulation:</b>\tOn\nNov 16 2026\n13:27:46\n");
-    EXPECT_FALSE(board.exists("/ramcache/zarvent/lock"));
+    EXPECT_FALSE(board.files().exists("/ramcache/zarvent/lock"));
     EXPECT_EQ(page.filter().meanState, 0.0f); // not steering: the filter rests
 }
 
@@ -217,7 +217,7 @@ TEST_F(PageTest, MeanAndJitterWhileSteering)
     EXPECT_EQ(shared.jitterNs, 2);
     EXPECT_NE(text.find("<b>GPS Emulation:</b>\tOff\n"), std::string::npos);
     // A flag file without a number is not "on".
-    board.writeFile("/usr/bin/Zarvent/nmea_emul_flag.txt", "x\n");
+    board.files().writeFile("/usr/bin/Zarvent/nmea_emul_flag.txt", "x\n");
     page.write(-50);
     EXPECT_NE(file("/ramcache/zarvent/ntp_data.txt").find("<b>GPS Emulation:</b>\tOff\n"),
               std::string::npos);
@@ -228,13 +228,13 @@ TEST_F(PageTest, MeanAndJitterWhileSteering)
 TEST_F(PageTest, PageThatCannotBeMade)
 {
     shared.steering = true;
-    board.writeFile("/ramcache/zarvent/ntp_data.txt", "the last page\n");
-    board.writeFile("/ramcache/zarvent/lock", "");
-    board.setRamDiskFull(false, true);
+    board.files().writeFile("/ramcache/zarvent/ntp_data.txt", "the last page\n");
+    board.files().writeFile("/ramcache/zarvent/lock", "");
+    board.files().setRamDiskFull(false, true);
     page.write(-50);
-    EXPECT_EQ(board.errorOutput(), "Cannot open file\n: No space left on device\n");
+    EXPECT_EQ(board.process().errorOutput(), "Cannot open file\n: No space left on device\n");
     EXPECT_EQ(file("/ramcache/zarvent/ntp_data.txt"), "the last page\n");
-    EXPECT_TRUE(board.exists("/ramcache/zarvent/lock"));
+    EXPECT_TRUE(board.files().exists("/ramcache/zarvent/lock"));
     EXPECT_EQ(page.filter().meanState, 0.0f);
     EXPECT_EQ(shared.jitterNs, 12);
 }

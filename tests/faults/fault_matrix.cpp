@@ -133,8 +133,9 @@ Seen runFault(const Fault &fault, std::string &error)
                        : t > fault.end - kHealthyWindow ? &seen.last
                                                         : nullptr;
         const BoardStats stats = view.model.stats();
-        const std::vector<CommandRecord> commands = view.board.commands(commandsSeen);
-        const std::string now = view.board.readFile("/ramcache/zarvent/ntp_data.txt").value_or("");
+        const std::vector<CommandRecord> commands = view.board.tools().commands(commandsSeen);
+        const std::string now =
+            view.board.files().readFile("/ramcache/zarvent/ntp_data.txt").value_or("");
         if (phase != nullptr) {
             for (const CommandRecord &c : commands) {
                 phase->cycles += c.line == "./spiWrite -m 0 -l 6 -d 4 14 0 0 0 0";
@@ -153,15 +154,15 @@ Seen runFault(const Fault &fault, std::string &error)
             fault.each(view.board, view.model, t);
         if (t == (fault.checkAt != 0 ? fault.checkAt : fault.end - 1) && fault.finally)
             seen.finally = fault.finally(view.board);
-        seen.errors = view.board.errorOutput();
+        seen.errors = view.board.process().errorOutput();
         // Keep the memory of the long runs flat.
         if (commandsSeen > 200000) {
             view.model.dropHistory();
             commandsSeen = 0;
         }
-        seen.unreadWrites = view.board.unreadRegisterWrites();
+        seen.unreadWrites = view.board.fpga().unreadRegisterWrites();
         seen.strayFiles.clear();
-        for (const std::string &path : view.board.writtenPaths())
+        for (const std::string &path : view.board.files().writtenPaths())
             if (!path.starts_with("/ramcache/zarvent/") && !path.starts_with("/ftpdir/") &&
                 !path.starts_with("/sys/class/gpio/") && path != "/dev/spidev1.0" &&
                 path != "/usr/bin/Zarvent/temp" && path != "/usr/bin/Zarvent/.temp.new")
@@ -201,7 +202,7 @@ std::string recovered(const Seen &s, bool handoversRejected)
 void tool(VirtualBoard &board, const std::vector<std::string> &programs, ToolFault fault, bool on)
 {
     for (const std::string &program : programs)
-        board.setToolFault(program, on ? fault : ToolFault::None);
+        board.tools().setToolFault(program, on ? fault : ToolFault::None);
 }
 
 std::vector<Fault> faults(std::int64_t flapSeconds)
@@ -226,7 +227,7 @@ std::vector<Fault> faults(std::int64_t flapSeconds)
         const std::vector<std::string> &names = program.second;
         list.push_back({name + ": missing", [names](VirtualBoard &b, BoardModel &, bool on) {
                             for (const std::string &n : names)
-                                b.setToolAbsent(n, on);
+                                b.tools().setToolAbsent(n, on);
                         }});
         for (const auto &kind : kinds) {
             const ToolFault fault = kind.second;
@@ -279,7 +280,7 @@ std::vector<Fault> faults(std::int64_t flapSeconds)
                 f.expect = namedOnce(program);
     {
         Fault loader{"wrFPGA: never exits at start", [](VirtualBoard &b, BoardModel &, bool on) {
-                         b.setToolFault("./wrFPGA", on ? ToolFault::Hang : ToolFault::None);
+                         b.tools().setToolFault("./wrFPGA", on ? ToolFault::Hang : ToolFault::None);
                      }};
         loader.at = 0;
         loader.keptUntilRestart = "at the next restart (the loader runs once, at start)";
@@ -296,7 +297,7 @@ std::vector<Fault> faults(std::int64_t flapSeconds)
                                                       : "exit status 1") +
                         " at start",
                     [program, fault](VirtualBoard &b, BoardModel &, bool on) {
-                        b.setToolFault(program, on ? fault : ToolFault::None);
+                        b.tools().setToolFault(program, on ? fault : ToolFault::None);
                     }};
             f.at = 0;
             if (program == "tail" && fault != ToolFault::ExitStatus)
@@ -317,39 +318,40 @@ std::vector<Fault> faults(std::int64_t flapSeconds)
             auto kept = std::make_shared<std::string>();
             return [p, fault, kept](VirtualBoard &b, BoardModel &, bool on) {
                 if (on) {
-                    *kept = b.readFile(p).value_or("");
+                    *kept = b.files().readFile(p).value_or("");
                     fault(b);
                 } else {
-                    b.writeFile(p, *kept);
+                    b.files().writeFile(p, *kept);
                 }
             };
         };
         list.push_back({name + ": missing", replaced([p](VirtualBoard &b) {
-                            std::filesystem::remove(b.hostPath(p));
+                            std::filesystem::remove(b.files().hostPath(p));
                         })});
-        list.push_back({name + ": empty", replaced([p](VirtualBoard &b) { b.writeFile(p, ""); })});
+        list.push_back(
+            {name + ": empty", replaced([p](VirtualBoard &b) { b.files().writeFile(p, ""); })});
         list.push_back({name + ": unreadable", [p](VirtualBoard &b, BoardModel &, bool on) {
-                            b.failOpen(p, on ? EACCES : 0);
+                            b.files().failOpen(p, on ? EACCES : 0);
                         }});
         list.push_back({name + ": huge (4 MiB of junk)", replaced([p](VirtualBoard &b) {
                             std::string junk(4 << 20, '7');
                             for (std::size_t i = 0; i < junk.size(); i += 61)
                                 junk[i] = i % 3 == 0 ? '\0' : '\n';
-                            b.writeFile(p, junk);
+                            b.files().writeFile(p, junk);
                         })});
     }
     {
         Fault leap{"leap-seconds.list: huge junk at start",
                    [](VirtualBoard &b, BoardModel &, bool) {
                        // Read once at start; the junk stays.
-                       b.writeFile("/leap-seconds.list", std::string(1 << 20, '\x80'));
+                       b.files().writeFile("/leap-seconds.list", std::string(1 << 20, '\x80'));
                    }};
         leap.at = 0;
         leap.keptUntilRestart = kLeapKept;
         list.push_back(leap);
         Fault missing{"leap-seconds.list: unreadable at start",
                       [](VirtualBoard &b, BoardModel &, bool on) {
-                          b.failOpen("/leap-seconds.list", on ? EACCES : 0);
+                          b.files().failOpen("/leap-seconds.list", on ? EACCES : 0);
                       }};
         missing.at = 0;
         missing.keptUntilRestart = kLeapKept;
@@ -357,12 +359,14 @@ std::vector<Fault> faults(std::int64_t flapSeconds)
     }
 
     // The RAM disk.
-    list.push_back({"RAM disk full (no space)",
-                    [](VirtualBoard &b, BoardModel &, bool on) { b.setRamDiskFull(on, false); }});
-    list.push_back({"RAM disk full (no inodes)",
-                    [](VirtualBoard &b, BoardModel &, bool on) { b.setRamDiskFull(false, on); }});
+    list.push_back({"RAM disk full (no space)", [](VirtualBoard &b, BoardModel &, bool on) {
+                        b.files().setRamDiskFull(on, false);
+                    }});
+    list.push_back({"RAM disk full (no inodes)", [](VirtualBoard &b, BoardModel &, bool on) {
+                        b.files().setRamDiskFull(false, on);
+                    }});
     list.push_back({"RAM disk read-only", [](VirtualBoard &b, BoardModel &, bool on) {
-                        b.setReadOnly("/ramcache", on);
+                        b.files().setReadOnly("/ramcache", on);
                     }});
 
     // Symbolic links planted where the daemon makes its files, each to a file
@@ -375,21 +379,22 @@ std::vector<Fault> faults(std::int64_t flapSeconds)
                    [path](VirtualBoard &b, BoardModel &, bool on) {
                        if (!on)
                            return;
-                       b.writeFile("/etc/shadow", "root:secret\n");
-                       std::filesystem::remove(b.hostPath(path));
-                       std::filesystem::create_symlink(b.hostPath("/etc/shadow"), b.hostPath(path));
-                       b.setPeer(Peer::None); // a change of reference, for an error-log line
+                       b.files().writeFile("/etc/shadow", "root:secret\n");
+                       std::filesystem::remove(b.files().hostPath(path));
+                       std::filesystem::create_symlink(b.files().hostPath("/etc/shadow"),
+                                                       b.files().hostPath(path));
+                       b.ntp().setPeer(Peer::None); // a change of reference, for an error-log line
                    }};
         link.each = [](VirtualBoard &b, BoardModel &, std::int64_t t) {
             if (t == kFaultAt + 10)
-                b.setPeer(Peer::System);
+                b.ntp().setPeer(Peer::System);
         };
         if (path.ends_with("ntp.drift"))
             link.at = 0; // made once, at start
         link.finally = [path](VirtualBoard &b) -> std::string {
-            if (b.readFile("/etc/shadow") != "root:secret\n")
+            if (b.files().readFile("/etc/shadow") != "root:secret\n")
                 return "written through the link at " + path;
-            if (std::filesystem::is_symlink(b.hostPath(path)))
+            if (std::filesystem::is_symlink(b.files().hostPath(path)))
                 return "the link at " + path + " is still there";
             return {};
         };
@@ -400,7 +405,7 @@ std::vector<Fault> faults(std::int64_t flapSeconds)
     {
         Fault forward{"clock stepped +1 h over midnight at month end, then back",
                       [](VirtualBoard &b, BoardModel &, bool on) {
-                          b.stepClock(on ? 3600000000 : -3600000000);
+                          b.clock().stepClock(on ? 3600000000 : -3600000000);
                       }};
         forward.start = "2026-11-30T23:55:00";
         forward.expect = [](const Seen &s) {
@@ -410,7 +415,7 @@ std::vector<Fault> faults(std::int64_t flapSeconds)
         list.push_back(forward);
         Fault back{"clock stepped -1 h back over midnight, then forward",
                    [](VirtualBoard &b, BoardModel &, bool on) {
-                       b.stepClock(on ? -3600000000 : 3600000000);
+                       b.clock().stepClock(on ? -3600000000 : 3600000000);
                    }};
         back.start = "2026-12-01T00:58:00";
         list.push_back(back);
@@ -418,7 +423,7 @@ std::vector<Fault> faults(std::int64_t flapSeconds)
         // retention from removing anything older.
         Fault day{"clock stepped a day back, then forward",
                   [](VirtualBoard &b, BoardModel &, bool on) {
-                      b.stepClock(on ? -86400000000 : 86400000000);
+                      b.clock().stepClock(on ? -86400000000 : 86400000000);
                   }};
         day.checkAt = day.clear - 1;
         day.expect = [](const Seen &s) {
@@ -428,12 +433,12 @@ std::vector<Fault> faults(std::int64_t flapSeconds)
         day.finally = [](VirtualBoard &b) -> std::string {
             const std::string now = chartFileName(*b.localTime(b.realtimeNs() / 1000000000));
             for (const auto &entry :
-                 std::filesystem::directory_iterator(b.hostPath("/ramcache/zarvent"))) {
+                 std::filesystem::directory_iterator(b.files().hostPath("/ramcache/zarvent"))) {
                 const std::string name = entry.path().filename().string();
                 if (isChartFileName(name) && "/ramcache/zarvent/" + name > now)
                     return "chart file " + name + " of a minute ahead is kept";
             }
-            return b.exists(now) ? std::string() : "no chart file for the current minute";
+            return b.files().exists(now) ? std::string() : "no chart file for the current minute";
         };
         list.push_back(day);
     }
@@ -442,8 +447,8 @@ std::vector<Fault> faults(std::int64_t flapSeconds)
     {
         Fault fpga{"FPGA never answering AA AA A5, then configured",
                    [](VirtualBoard &b, BoardModel &, bool on) {
-                       b.setLoaderBroken(on);
-                       b.setFpgaConfigured(!on);
+                       b.fpga().setLoaderBroken(on);
+                       b.fpga().setConfigured(!on);
                    }};
         fpga.at = 0;
         fpga.expect = [](const Seen &s) {
@@ -454,8 +459,8 @@ std::vector<Fault> faults(std::int64_t flapSeconds)
     }
     const auto pulse = [](std::int64_t highUs, std::int64_t periodUs, int level) {
         return [=](VirtualBoard &b, BoardModel &, bool on) {
-            b.setPulse(19, on ? highUs : 100000, on ? periodUs : 1000000);
-            b.setInput(19, on ? level : 0);
+            b.gpio().setPulse(19, on ? highUs : 100000, on ? periodUs : 1000000);
+            b.gpio().setInput(19, on ? level : 0);
         };
     };
     Fault low{"pulse line stuck low", pulse(0, 1000000, 0)};
@@ -477,16 +482,16 @@ std::vector<Fault> faults(std::int64_t flapSeconds)
                        format("%g", static_cast<double>(flapSeconds) / 3600.0) + " h",
                    [](VirtualBoard &b, BoardModel &, bool on) {
                        if (!on) {
-                           b.setRmcStatus('A');
-                           b.setPeer(Peer::System);
+                           b.ntp().setRmcStatus('A');
+                           b.ntp().setPeer(Peer::System);
                        }
                    }};
         // Lost and found again every supervision pass (3 s): the receiver's
         // data and ntpd's reference together.
         flap.each = [](VirtualBoard &b, BoardModel &, std::int64_t t) {
             const bool lost = (t / 3) % 2 == 0;
-            b.setRmcStatus(lost ? 'V' : 'A');
-            b.setPeer(lost ? Peer::None : Peer::System);
+            b.ntp().setRmcStatus(lost ? 'V' : 'A');
+            b.ntp().setPeer(lost ? Peer::None : Peer::System);
         };
         flap.clear = flap.at + flapSeconds;
         flap.end = flap.clear + 180;
@@ -495,7 +500,7 @@ std::vector<Fault> faults(std::int64_t flapSeconds)
 
     // The SPI capture device gone while statistics are on: the daemon stops.
     Fault spi{"SPI capture device gone",
-              [](VirtualBoard &b, BoardModel &, bool on) { b.setSpiPresent(!on); }};
+              [](VirtualBoard &b, BoardModel &, bool on) { b.spi().setPresent(!on); }};
     spi.aborts = true;
     list.push_back(spi);
     return list;

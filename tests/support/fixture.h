@@ -27,7 +27,7 @@ class BoardTest : public ::testing::Test {
     std::vector<std::string> lines() const
     {
         std::vector<std::string> out;
-        for (const auto &c : board.commands())
+        for (const auto &c : board.tools().commands())
             out.push_back(c.line);
         return out;
     }
@@ -48,11 +48,11 @@ class BoardTest : public ::testing::Test {
     // ntptime's output at a Unix time (in microseconds).
     static std::string ntptimeAt(std::int64_t unixUs)
     {
-        return sim::VirtualBoard::formatNtptime(unixUs, 37);
+        return sim::NtpTools::formatNtptime(unixUs, 37);
     }
     std::string file(const std::string &path) const
     {
-        return board.readFile(path).value_or("<missing>");
+        return board.files().readFile(path).value_or("<missing>");
     }
 
     sim::VirtualBoard board{kStart};
