@@ -77,16 +77,6 @@ TEST_F(CycleTest, SetupOwnsTheDacLines)
     EXPECT_EQ(shared.event().time, "13:27:00");
 }
 
-TEST_F(CycleTest, CycleTimeIsTheNearestSecond)
-{
-    // A pulse seen 3 ms before the boundary belongs to the coming second.
-    board.clock().setNowUs(kStart * kSecondUs - 3000);
-    cycle.runCycle();
-    const std::tm t = shared.cycleTime();
-    EXPECT_EQ(t.tm_min, 27);
-    EXPECT_EQ(t.tm_sec, 0);
-}
-
 TEST_F(CycleTest, QualificationGatesHandOverAndSteering)
 {
     dac.configureLines();

@@ -51,7 +51,7 @@ LinuxPlatform::LinuxPlatform()
 {
     // A reader that went away (a closed standard error, a tool's pipe) must
     // not end the daemon: a failed write is an error the caller sees.
-    ::signal(SIGPIPE, SIG_IGN);
+    (void)::signal(SIGPIPE, SIG_IGN);
     // systemd's notification socket and watchdog, read once here, before any
     // thread runs, and taken out of the environment the tools inherit.
     if (const char *socket = std::getenv("NOTIFY_SOCKET"))
