@@ -154,7 +154,8 @@ void BoardModel::integrate()
             // fall; temperature and ageing at the middle of the interval.
             for (; wanderSecond_ < now / 1000000; wanderSecond_++)
                 wanderPpb_ += config_.randomWalkPpb * gaussian();
-            const double days = static_cast<double>((offsetTimeUs_ + now) / 2 - startUs_) / 86400e6;
+            const std::int64_t middleUs = (offsetTimeUs_ + now) / 2;
+            const double days = static_cast<double>(middleUs - startUs_) / 86400e6;
             const double ppb = wanderPpb_ +
                                config_.temperaturePpb * std::sin(2 * 3.14159265358979 * days) +
                                config_.ageingPpbPerDay * days;

@@ -47,7 +47,7 @@ void stayOnOneCpu()
 
 int usage()
 {
-    std::fprintf(
+    (void)std::fprintf(
         stderr,
         "usage: zarvent-sim --scenario FILE --out DIR [--pace P|fast] [--duration S] [--show] "
         "[--report RDIR]\n");
@@ -101,16 +101,16 @@ int main(int argc, char **argv)
     }
     const zarvent::sim::RunResult result = zarvent::sim::runScenario(options);
     if (!result.ok) {
-        std::fprintf(stderr, "%s\n", result.error.c_str());
+        (void)std::fprintf(stderr, "%s\n", result.error.c_str());
         return 1;
     }
-    std::printf("board files: %s/board   logs: %s/logs\n", options.outDir.c_str(),
+    (void)std::printf("board files: %s/board   logs: %s/logs\n", options.outDir.c_str(),
                 options.outDir.c_str());
     if (!reportDir.empty())
-        std::printf("report: %s/report.html   data: %s/series.csv\n", reportDir.c_str(),
+        (void)std::printf("report: %s/report.html   data: %s/series.csv\n", reportDir.c_str(),
                     reportDir.c_str());
     if (result.daemonAborted) {
-        std::fprintf(stderr, "%s\n", result.error.c_str());
+        (void)std::fprintf(stderr, "%s\n", result.error.c_str());
         return 1;
     }
     return 0;

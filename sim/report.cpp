@@ -158,10 +158,10 @@ std::string statePlot(const std::vector<ReportSecond> &seconds, const TimeAxis &
         {"antenna-fault", "antenna fault", "#9467bd", &ReportSecond::antennaFault},
         {"steering", "steering", "#1f77b4", &ReportSecond::steering},
     };
-    constexpr double rows = std::size(kRows);
-    Axis y{0, rows, false, "", {}};
+    constexpr double kRowCount = std::size(kRows);
+    Axis y{0, kRowCount, false, "", {}};
     for (std::size_t r = 0; r < std::size(kRows); r++)
-        y.names.emplace_back(rows - static_cast<double>(r) - 0.5, kRows[r].name);
+        y.names.emplace_back(kRowCount - static_cast<double>(r) - 0.5, kRows[r].name);
     Plot plot("States", time.axis(seconds, 0, seconds.size()), y, 200);
     for (std::size_t r = 0; r < std::size(kRows); r++) {
         std::vector<std::pair<double, double>> spans;
@@ -169,7 +169,7 @@ std::string statePlot(const std::vector<ReportSecond> &seconds, const TimeAxis &
                  seconds, [&](const ReportSecond &second) { return second.*kRows[r].flag; }))
             spans.emplace_back(time.at(seconds[s.begin].unixSecond),
                                time.at(seconds[s.end - 1].unixSecond + 1));
-        const double top = rows - static_cast<double>(r);
+        const double top = kRowCount - static_cast<double>(r);
         plot.bands(kRows[r].series, kRows[r].name, kRows[r].colour, spans, top - 0.85, top - 0.15);
     }
     return plot.svg();

@@ -13,10 +13,10 @@ namespace {
 // path is no such attribute.
 FdKind parseGpioPath(const std::string &path, int &line)
 {
-    constexpr std::string_view prefix = "/sys/class/gpio/gpio";
-    if (path.compare(0, prefix.size(), prefix) != 0)
+    constexpr std::string_view kPrefix = "/sys/class/gpio/gpio";
+    if (path.compare(0, kPrefix.size(), kPrefix) != 0)
         return FdKind::Free;
-    const char *digits = path.c_str() + prefix.size();
+    const char *digits = path.c_str() + kPrefix.size();
     char *end = nullptr;
     const long number = std::strtol(digits, &end, 10);
     if (end == digits || *end != '/')

@@ -24,7 +24,7 @@ namespace zarvent::sim {
         const std::size_t old = out.size();
         const auto size = static_cast<std::size_t>(length);
         out.resize(old + size + 1);
-        std::vsnprintf(out.data() + old, size + 1, format, args);
+        (void)std::vsnprintf(out.data() + old, size + 1, format, args);
         out.resize(old + size);
     }
     va_end(args);
@@ -42,7 +42,7 @@ namespace zarvent::sim {
     if (length > 0) {
         const auto size = static_cast<std::size_t>(length);
         out.resize(size + 1);
-        std::vsnprintf(out.data(), size + 1, format, args);
+        (void)std::vsnprintf(out.data(), size + 1, format, args);
         out.resize(size);
     }
     va_end(args);
