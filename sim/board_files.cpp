@@ -100,11 +100,6 @@ BoardFiles::~BoardFiles()
     }
 }
 
-const std::string &BoardFiles::root() const
-{
-    return root_;
-}
-
 std::string BoardFiles::hostPath(const std::string &boardPath) const
 {
     return boardPath.starts_with('/') ? root_ + boardPath : root_ + kWorkDir + "/" + boardPath;

@@ -36,7 +36,6 @@ class BoardFiles {
     BoardFiles(const BoardFiles &) = delete;
     BoardFiles &operator=(const BoardFiles &) = delete;
 
-    const std::string &root() const;
     // Host path of a board path (absolute, or relative to /usr/bin/Zarvent).
     std::string hostPath(const std::string &boardPath) const;
     // Writes text to a board path, parents created.

@@ -14,6 +14,29 @@ const char *const kWeekdays[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"
 const char *const kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
 
+// ntpq -c clockvar's output for the NMEA driver.
+std::string formatClockvar(std::int64_t unixUs, char status)
+{
+    const auto secs = static_cast<std::time_t>(unixUs / 1000000);
+    std::tm t{};
+    ::gmtime_r(&secs, &t);
+    const std::string body =
+        status == 'A'
+            ? format("GPRMC,%02d%02d%02d.00,A,5540.1234,N,03736.5678,E,0.00,0.00,%02d%02d%02d,,,A",
+                     t.tm_hour, t.tm_min, t.tm_sec, t.tm_mday, t.tm_mon + 1, t.tm_year % 100)
+            : format("GPRMC,%02d%02d%02d.00,%c,,,,,,,%02d%02d%02d,,,N", t.tm_hour, t.tm_min,
+                     t.tm_sec, status, t.tm_mday, t.tm_mon + 1, t.tm_year % 100);
+    unsigned sum = 0;
+    for (const char c : body)
+        sum ^= static_cast<unsigned char>(c);
+    return format("associd=0 status=0000 no events, clk_unspec,\n"
+                  "device=\"NMEA GPS Clock\",\n"
+                  "timecode=\"$%s*%02X\",\n"
+                  "poll=3418, noreply=0, badformat=0, baddata=0,\n"
+                  "stratum=0, refid=GPS, flags=5\n",
+                  body.c_str(), sum);
+}
+
 } // namespace
 
 NtpTools::NtpTools(BoardMutex &mutex, BoardClock &clock) : mutex_(mutex), clock_(clock) {}
@@ -103,28 +126,6 @@ std::string NtpTools::formatNtptime(std::int64_t unixUs, int tai)
                   static_cast<unsigned long>(ntpSecs), static_cast<unsigned long>(fraction),
                   kWeekdays[t.tm_wday], kMonths[t.tm_mon], t.tm_mday, t.tm_year + 1900, t.tm_hour,
                   t.tm_min, t.tm_sec, usec / 1000, usec, tai);
-}
-
-std::string NtpTools::formatClockvar(std::int64_t unixUs, char status)
-{
-    const auto secs = static_cast<std::time_t>(unixUs / 1000000);
-    std::tm t{};
-    ::gmtime_r(&secs, &t);
-    const std::string body =
-        status == 'A'
-            ? format("GPRMC,%02d%02d%02d.00,A,5540.1234,N,03736.5678,E,0.00,0.00,%02d%02d%02d,,,A",
-                     t.tm_hour, t.tm_min, t.tm_sec, t.tm_mday, t.tm_mon + 1, t.tm_year % 100)
-            : format("GPRMC,%02d%02d%02d.00,%c,,,,,,,%02d%02d%02d,,,N", t.tm_hour, t.tm_min,
-                     t.tm_sec, status, t.tm_mday, t.tm_mon + 1, t.tm_year % 100);
-    unsigned sum = 0;
-    for (const char c : body)
-        sum ^= static_cast<unsigned char>(c);
-    return format("associd=0 status=0000 no events, clk_unspec,\n"
-                  "device=\"NMEA GPS Clock\",\n"
-                  "timecode=\"$%s*%02X\",\n"
-                  "poll=3418, noreply=0, badformat=0, baddata=0,\n"
-                  "stratum=0, refid=GPS, flags=5\n",
-                  body.c_str(), sum);
 }
 
 } // namespace zarvent::sim

@@ -26,8 +26,6 @@ class NtpTools {
 
     // ntptime's output at a Unix time (in microseconds) with a TAI offset.
     static std::string formatNtptime(std::int64_t unixUs, int tai);
-    // ntpq -c clockvar's output for the NMEA driver.
-    static std::string formatClockvar(std::int64_t unixUs, char status);
 
     // ---- the tools, at the system clock's time
     void runNtptimeLocked(const ProgramRun &run) const REQUIRES(kBoardLock);
