@@ -67,9 +67,12 @@ int SpiDevice::ioctlLocked(unsigned long request, void *argument)
             r.rxNbits = tr->rx_nbits;
             r.wordDelayUsecs = tr->word_delay_usecs;
             r.pad = tr->pad;
-            const auto *tx =
-                reinterpret_cast<const std::uint8_t *>(static_cast<std::uintptr_t>(tr->tx_buf));
-            auto *rx = reinterpret_cast<std::uint8_t *>(static_cast<std::uintptr_t>(tr->rx_buf));
+            // The transfer descriptor carries the daemon's buffers as integers,
+            // as the kernel's spidev interface defines them.
+            const auto *tx = reinterpret_cast<const std::uint8_t *>( // NOLINT(performance-no-int-to-ptr)
+                static_cast<std::uintptr_t>(tr->tx_buf));
+            auto *rx = reinterpret_cast<std::uint8_t *>( // NOLINT(performance-no-int-to-ptr)
+                static_cast<std::uintptr_t>(tr->rx_buf));
             r.txHead[0] = tx != nullptr && tr->len > 0 ? tx[0] : 0;
             r.txHead[1] = tx != nullptr && tr->len > 1 ? tx[1] : 0;
             r.txRestZero =

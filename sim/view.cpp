@@ -39,7 +39,7 @@ void printPage(const VirtualBoard &board)
                 out += "  ";
         }
     }
-    std::fputs(out.c_str(), stdout);
+    (void)std::fputs(out.c_str(), stdout);
 }
 
 // The newest chart points, from the chart files the web interface draws:
@@ -160,7 +160,7 @@ void View::second(const SecondView &view) const
         "at the end\n"
         "   Ctrl-C stops the run.\n",
         out, out, out);
-    std::fflush(stdout);
+    (void)std::fflush(stdout);
 }
 
 } // namespace zarvent::sim

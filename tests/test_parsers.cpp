@@ -124,6 +124,7 @@ TEST(Formats, FpgaAnswerIsTheLineAndOneCharacter)
     EXPECT_FALSE(fpgaAnswered("AA AA A5"));
     EXPECT_FALSE(fpgaAnswered("AA AA A5 \n"));
     EXPECT_FALSE(fpgaAnswered("FF FF FF\n"));
+    EXPECT_FALSE(fpgaAnswered("AA AA A6\n"));
     EXPECT_FALSE(fpgaAnswered(""));
 }
 
