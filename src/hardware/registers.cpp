@@ -97,20 +97,26 @@ void Registers::copyControlToSync(bool syncBit, PipeMode mode)
 
 bool Registers::writeHandover(int reg, unsigned number)
 {
-    return runner_
-        .run(std::string(kHandoverTool) + " -m 1 -l 3 -d 1 " + std::to_string(reg) + " " +
-                 std::to_string(number) + "\n",
-             PipeMode::Write)
-        .has_value();
+    std::string line = kHandoverTool;
+    line += " -m 1 -l 3 -d 1 ";
+    line += std::to_string(reg);
+    line += ' ';
+    line += std::to_string(number);
+    line += '\n';
+    return runner_.run(line, PipeMode::Write).has_value();
 }
 
 bool Registers::writeCount(std::uint64_t count)
 {
-    std::string line = std::string(kHandoverTool) + " -m 1 -l 8 -d 6 " +
-                       std::to_string(fpga::kCountRegister);
-    for (int k = 0; k < 6; ++k)
-        line += " " + std::to_string((count >> (8 * k)) & 0xFF);
-    return runner_.run(line + "\n", PipeMode::Write).has_value();
+    std::string line = kHandoverTool;
+    line += " -m 1 -l 8 -d 6 ";
+    line += std::to_string(fpga::kCountRegister);
+    for (int k = 0; k < 6; ++k) {
+        line += ' ';
+        line += std::to_string((count >> (8 * k)) & 0xFF);
+    }
+    line += '\n';
+    return runner_.run(line, PipeMode::Write).has_value();
 }
 
 } // namespace zarvent
