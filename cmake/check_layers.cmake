@@ -1,8 +1,8 @@
-# Fails when a source of one layer of src/ includes a header of a layer above
-# it. Run by the build for each layer, before its library is compiled:
-#   cmake -DLAYER=cycle -DBELOW="platform;hardware;ntp;state" -DSTAMP=file
-#         -P check_layers.cmake file...
-# The layers, lowest first, are in ZARVENT_LAYERS of CMakeLists.txt.
+# Fails when a source or header of one folder of src/ includes a header of a
+# folder its library may not use. Run by the build for each library, before
+# it compiles (cmake/layers.cmake):
+#   cmake -DLAYER=cycle -DALLOWED="statistics;ntp;state;hardware;platform"
+#         -DSTAMP=file -P check_layers.cmake file...
 cmake_minimum_required(VERSION 3.25)
 set(files)
 math(EXPR last "${CMAKE_ARGC} - 1")
@@ -12,18 +12,18 @@ foreach(i RANGE 1 ${last})
     list(APPEND files "${arg}")
   endif()
 endforeach()
-set(allowed ${LAYER} ${BELOW})
+set(allowed ${LAYER} ${ALLOWED})
 set(errors "")
 foreach(file ${files})
-  file(STRINGS "${file}" includes REGEX "^#include \"[a-z_]+/")
+  file(STRINGS "${file}" includes REGEX "^[ \t]*#[ \t]*include[ \t]*\"[a-z_]+/")
   foreach(line ${includes})
-    string(REGEX REPLACE "^#include \"([a-z_]+)/.*" "\\1" layer "${line}")
-    if(NOT layer IN_LIST allowed)
-      string(APPEND errors "  ${file}: ${line} (${LAYER} may include only ${allowed})\n")
+    string(REGEX REPLACE "^[ \t]*#[ \t]*include[ \t]*\"([a-z_]+)/.*" "\\1" used "${line}")
+    if(NOT used IN_LIST allowed)
+      string(APPEND errors "  ${file}: ${line} (${LAYER} may use only ${allowed})\n")
     endif()
   endforeach()
 endforeach()
 if(errors)
-  message(FATAL_ERROR "an include runs from a lower layer to a higher one:\n${errors}")
+  message(FATAL_ERROR "an include reaches a library this one may not use:\n${errors}")
 endif()
 file(WRITE "${STAMP}" "")

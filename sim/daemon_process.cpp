@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "scheduler.h"
+#include <thread>
 
 namespace zarvent::sim {
 
@@ -23,7 +23,7 @@ void DaemonProcess::checkRunning() const
 
 void DaemonProcess::passTime(std::int64_t us)
 {
-    Scheduler *scheduler = nullptr;
+    ThreadScheduler *scheduler = nullptr;
     {
         const BoardLocker lock(mutex_);
         scheduler = scheduler_;
@@ -50,7 +50,7 @@ std::int64_t DaemonProcess::commandDeadlineLocked(std::int64_t deadlineUs) const
 void DaemonProcess::startThread(std::function<void()> entry)
 {
     checkRunning();
-    Scheduler *scheduler = nullptr;
+    ThreadScheduler *scheduler = nullptr;
     {
         const BoardLocker lock(mutex_);
         threadEntries_.push_back(entry);
@@ -101,10 +101,10 @@ std::vector<std::pair<std::int64_t, std::string>> DaemonProcess::notifications()
 
 // The scheduler the main thread waits in; without one (unit tests) the
 // caller's wait ends the run.
-Scheduler &DaemonProcess::mainWaitScheduler()
+ThreadScheduler &DaemonProcess::mainWaitScheduler()
 {
     checkRunning();
-    Scheduler *scheduler = nullptr;
+    ThreadScheduler *scheduler = nullptr;
     {
         const BoardLocker lock(mutex_);
         scheduler = scheduler_;
@@ -116,7 +116,7 @@ Scheduler &DaemonProcess::mainWaitScheduler()
 
 bool DaemonProcess::waitForStopRequest(Deadline timeout)
 {
-    Scheduler &scheduler = mainWaitScheduler();
+    ThreadScheduler &scheduler = mainWaitScheduler();
     // One poll interval of virtual time at a time: the request comes from
     // the scenario, between two of the daemon's steps.
     const std::int64_t until =
@@ -128,7 +128,7 @@ bool DaemonProcess::waitForStopRequest(Deadline timeout)
 
 void DaemonProcess::joinThreads()
 {
-    Scheduler &scheduler = mainWaitScheduler();
+    ThreadScheduler &scheduler = mainWaitScheduler();
     while (scheduler.liveThreads() > 1)
         scheduler.wait(500);
 }
@@ -159,7 +159,7 @@ void DaemonProcess::writeError(std::string_view text)
 
 void DaemonProcess::abortProcess()
 {
-    Scheduler *scheduler = nullptr;
+    ThreadScheduler *scheduler = nullptr;
     {
         const BoardLocker lock(mutex_);
         aborted_ = true;
@@ -210,7 +210,7 @@ void DaemonProcess::runRecordedThreads()
 
 void DaemonProcess::stop()
 {
-    Scheduler *scheduler = nullptr;
+    ThreadScheduler *scheduler = nullptr;
     std::vector<std::thread> threads;
     {
         const BoardLocker lock(mutex_);
@@ -224,7 +224,7 @@ void DaemonProcess::stop()
         thread.join();
 }
 
-void DaemonProcess::attachScheduler(Scheduler *scheduler)
+void DaemonProcess::attachScheduler(ThreadScheduler *scheduler)
 {
     const BoardLocker lock(mutex_);
     scheduler_ = scheduler;

@@ -28,7 +28,19 @@
 
 namespace zarvent::sim {
 
-class Scheduler;
+// What runs the daemon's threads in virtual time (the simulator's Scheduler,
+// scheduler.h): the process hands its waits and threads to it once attached.
+class ThreadScheduler {
+  public:
+    virtual ~ThreadScheduler() = default;
+    // The calling thread lets us microseconds of virtual time pass.
+    virtual void wait(std::int64_t us) = 0;
+    virtual void startThread(std::function<void()> entry) = 0;
+    virtual void abortRun() = 0;
+    virtual void finish() = 0;
+    // Threads whose entry has not yet returned, the owner included.
+    virtual std::size_t liveThreads() const = 0;
+};
 
 // Thrown by the seam's calls in a daemon thread once the run has ended.
 struct SimulationEnded {};
@@ -52,7 +64,7 @@ class DaemonProcess {
     // Ends the run: later seam calls of daemon threads throw SimulationEnded;
     // waits for the threads to end.
     void stop();
-    void attachScheduler(Scheduler *scheduler);
+    void attachScheduler(ThreadScheduler *scheduler);
 
     // ---- for the seam
     // After stop() every call of the seam by a daemon thread ends it.
@@ -73,11 +85,11 @@ class DaemonProcess {
     std::int64_t commandDeadlineLocked(std::int64_t deadlineUs) const REQUIRES(kBoardLock);
 
   private:
-    Scheduler &mainWaitScheduler();
+    ThreadScheduler &mainWaitScheduler();
 
     BoardMutex &mutex_;
     BoardClock &clock_;
-    Scheduler *scheduler_ GUARDED_BY(kBoardLock) = nullptr;
+    ThreadScheduler *scheduler_ GUARDED_BY(kBoardLock) = nullptr;
     std::vector<std::function<void()>> threadEntries_ GUARDED_BY(kBoardLock);
     std::size_t threadsStarted_ GUARDED_BY(kBoardLock) = 0;
     std::vector<std::thread> threads_ GUARDED_BY(kBoardLock);

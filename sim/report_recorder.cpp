@@ -40,8 +40,8 @@ void ReportRecorder::second(const SecondView &view)
         row.ptpRequests = std::max(requests, 0);
         row.ptpResponses = std::max(responses, 0);
         row.dacCode = stats.lastDacCode;
-        SharedState &shared = view.daemon.parts().shared;
-        row.steering = shared.steering;
+        const SharedState &shared = view.daemon.shared();
+        row.steering = view.daemon.steeringEnabled();
         row.alarm = shared.alarm;
         const unsigned antenna = shared.antennaCode;
         row.antennaFault = antenna != 0 && antenna != 7; // 7: antenna Ok

@@ -17,36 +17,38 @@
 #include <mutex>
 #include <vector>
 
+#include "daemon_process.h"
+
 namespace zarvent::sim {
 
 class VirtualBoard;
 
-class Scheduler {
+class Scheduler final : public ThreadScheduler {
   public:
     // Attaches itself to the board and gives the constructing thread (the
     // run's owner) the baton. pace 0 runs as fast as possible; pace p > 0
     // keeps virtual time at p times real time.
     Scheduler(VirtualBoard &board, double pace);
     // Ends the run (finish()) and detaches from the board.
-    ~Scheduler();
+    ~Scheduler() override;
     Scheduler(const Scheduler &) = delete;
     Scheduler &operator=(const Scheduler &) = delete;
 
     // The calling thread lets us microseconds of virtual time pass. A thread
     // the scheduler does not run moves the clock by itself.
-    void wait(std::int64_t us);
+    void wait(std::int64_t us) override;
     // Starts entry on a thread of its own that runs only with the baton.
-    void startThread(std::function<void()> entry);
+    void startThread(std::function<void()> entry) override;
     // The daemon aborted: its threads never run again and the owner's wait
     // returns at once, without moving the clock.
-    void abortRun();
+    void abortRun() override;
     // Ends the run: every other thread wakes in turn, its wait throws
     // SimulationEnded, and it is joined. Called by the owner; idempotent.
-    void finish();
+    void finish() override;
     // Threads scheduled so far, the owner included.
     std::size_t threadCount() const;
     // Threads whose entry has not yet returned, the owner included.
-    std::size_t liveThreads() const;
+    std::size_t liveThreads() const override;
 
   private:
     struct Thread;

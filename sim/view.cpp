@@ -140,13 +140,13 @@ void View::second(const SecondView &view) const
     std::printf("\n-- offset chart (chart files %s/board/ramcache/zarvent/ptp_data_*)\n", out);
     printPlot(board);
 
-    SharedState &shared = view.daemon.parts().shared;
-    const std::string reference = shared.reference();
+    const SharedState &shared = view.daemon.shared();
+    const Reference reference = shared.reference;
     std::printf("\n-- states\n");
     std::printf("  reference %s   alarm %s   antenna %s   steering %s\n",
-                reference.empty() ? "(not yet asked)" : reference.c_str(),
+                reference == Reference::NotYetAsked ? "(not yet asked)" : referenceName(reference),
                 shared.alarm ? "ON" : "off", antennaText(shared.antennaCode),
-                shared.steering ? "on" : "off (waiting for 60 valid cycles)");
+                view.daemon.steeringEnabled() ? "on" : "off (waiting for 60 valid cycles)");
     std::printf("\n-- LEDs and lines\n");
     std::printf("  reference 72/73: %s %s   alarm 76/77: %s %s   antenna 74/75: %s %s   "
                 "client 70/71: %s %s   factory 78: %s   antenna feed 85: %s\n",

@@ -3,7 +3,8 @@
 // the steering with its chart files.
 #include "support/fixture.h"
 
-#include "daemon/cycle_loop.h"
+#include "cycle/cycle_loop.h"
+#include "ntp/ntp_queries.h"
 
 namespace zarvent::test {
 namespace {
@@ -39,8 +40,7 @@ class CycleTest : public BoardTest {
         return board.tools().countCommand(line);
     }
 
-    Dac &dac = parts.dac;
-    CycleLoop cycle{parts};
+    CycleLoop cycle{board, runner, gpio, registers, dac, shared};
 };
 
 TEST_F(CycleTest, OneCyclePerHighPhase)
@@ -82,17 +82,17 @@ TEST_F(CycleTest, QualificationGatesHandOverAndSteering)
     dac.configureLines();
     board.fpga().setRegister(2, 0x02);
     cycles(59);
-    EXPECT_FALSE(shared.steering);
+    EXPECT_FALSE(cycle.steeringEnabled());
     EXPECT_TRUE(registerWrites().empty());
     cycles(1); // the 60th valid cycle steers at once, the hand-over waits
-    EXPECT_TRUE(shared.steering);
+    EXPECT_TRUE(cycle.steeringEnabled());
     EXPECT_EQ(registerWrites(), (std::vector<std::string>{"./spiWrite -m 1 -l 3 -d 1 1 3 0",
                                                           "./spiWrite -m 1 -l 3 -d 1 1 3 0"}));
     EXPECT_EQ(board.gpio().dacWords().size(), 2u);
     board.tools().clearCommands();
     board.ntp().setRmcStatus('V');
     cycles(1); // hands the time over, then loses the receiver: no steering
-    EXPECT_FALSE(shared.steering);
+    EXPECT_FALSE(cycle.steeringEnabled());
     EXPECT_EQ(count("/usr/bin/Zarvent/spiWrite -m 1 -l 3 -d 1 10 1\n"), 1u);
     EXPECT_EQ(count("./spiWrite -m 1 -l 3 -d 1 1 2 0"), 1u);
     EXPECT_EQ(board.gpio().dacWords().size(), 2u);
@@ -103,106 +103,110 @@ TEST_F(CycleTest, QualificationGatesHandOverAndSteering)
     cycles(1);
     board.ntp().setRmcStatus('A');
     cycles(59);
-    EXPECT_FALSE(shared.steering);
+    EXPECT_FALSE(cycle.steeringEnabled());
     cycles(1);
-    EXPECT_TRUE(shared.steering);
+    EXPECT_TRUE(cycle.steeringEnabled());
 }
 
 TEST_F(CycleTest, ReceiverQueryThatCannotStartChangesNothing)
 {
-    shared.steering = true;
+    ReceiverQualification qualification(runner, registers);
+    for (int i = 0; i < 60; ++i)
+        qualification.qualify();
+    ASSERT_TRUE(qualification.steeringEnabled());
+    board.tools().clearCommands();
     board.tools().failCommand("ntpq -c clockvar");
-    parts.offset.qualifyReceiver();
-    EXPECT_TRUE(shared.steering);
+    qualification.qualify();
+    EXPECT_TRUE(qualification.steeringEnabled());
     EXPECT_TRUE(registerWrites().empty());
     board.tools().onCommand("ntpq -c clockvar", "associd=0 status=0000\n");
-    parts.offset.qualifyReceiver(); // too short: no valid data
-    EXPECT_FALSE(shared.steering);
+    qualification.qualify(); // too short: no valid data
+    EXPECT_FALSE(qualification.steeringEnabled());
 }
 
 class HandoverTest : public CycleTest {
   protected:
     // 2026-11-16 13:27:46 UTC: ntptime shows eea58352.
     static constexpr std::int64_t kAt = (kStart + 46) * kSecondUs + 121000;
-    TimeHandover &handover = parts.handover;
+    static constexpr const char *kOpenOne = "/usr/bin/Zarvent/spiWrite -m 1 -l 3 -d 1 10 1\n";
+    TimeHandover handover{runner, registers, shared};
 };
 
 TEST_F(HandoverTest, WorkedExample)
 {
     board.tools().onCommand("ntptime", ntptimeAt(kAt));
-    handover.setNumber(5);
-    const auto reading = readCurrentTime(runner, shared);
+    const auto reading = readNtptime(runner);
     ASSERT_TRUE(reading);
     board.tools().clearCommands();
-    // The alarm thread may rewrite the shared stamp meanwhile: the hand-over
-    // uses this cycle's own readings.
-    shared.setEvent("Nov 16 2026 13:27:00.000", "eea58300.00000000 ");
-    handover.handOver(*reading);
+    const auto later = handover.handOver(*reading);
     EXPECT_EQ(lines(), (std::vector<std::string>{
-                           "/usr/bin/Zarvent/spiWrite -m 1 -l 3 -d 1 10 5\n",
-                           "/usr/bin/Zarvent/spiWrite -m 1 -l 8 -d 6 3 248 4 251 106 0 0\n",
-                           "ntptime", "/usr/bin/Zarvent/spiWrite -m 1 -l 3 -d 1 11 5\n"}));
-    EXPECT_EQ(handover.number(), 6);
-    EXPECT_EQ(shared.now().time, "13:27:46");
+                           kOpenOne, "/usr/bin/Zarvent/spiWrite -m 1 -l 8 -d 6 3 248 4 251 106 0 0\n",
+                           "ntptime", "/usr/bin/Zarvent/spiWrite -m 1 -l 3 -d 1 11 1\n"}));
+    ASSERT_TRUE(later);
+    EXPECT_EQ(later->dateTime, "Nov 16 2026 13:27:46.121");
+    board.tools().clearCommands();
+    handover.handOver(*reading);
+    EXPECT_EQ(lines().front(), "/usr/bin/Zarvent/spiWrite -m 1 -l 3 -d 1 10 2\n");
 }
 
 TEST_F(HandoverTest, SecondThatRollsOverLeavesTheHandOverOpen)
 {
-    board.tools().onCommandOnce("ntptime", ntptimeAt(kAt));
-    board.tools().onCommandOnce("ntptime", ntptimeAt(kAt + 900000));
-    handover.setNumber(5);
-    handover.handOver(*readCurrentTime(runner, shared));
-    EXPECT_EQ(count("/usr/bin/Zarvent/spiWrite -m 1 -l 3 -d 1 11 5\n"), 0u);
-    EXPECT_EQ(handover.number(), 5);
-
     board.tools().onCommand("ntptime", ntptimeAt(kAt));
-    handover.setNumber(255);
-    handover.handOver(*readCurrentTime(runner, shared));
+    const auto first = readNtptime(runner);
+    ASSERT_TRUE(first);
+    board.tools().onCommandOnce("ntptime", ntptimeAt(kAt + 900000));
+    handover.handOver(*first);
+    EXPECT_EQ(count("/usr/bin/Zarvent/spiWrite -m 1 -l 3 -d 1 11 1\n"), 0u);
+    // Opened again with the same number; the numbers run 1 to 255 and round
+    // again to 1, never 0.
+    for (int i = 0; i < 255; ++i)
+        handover.handOver(*first);
+    EXPECT_EQ(count(kOpenOne), 2u);
     EXPECT_EQ(count("/usr/bin/Zarvent/spiWrite -m 1 -l 3 -d 1 11 255\n"), 1u);
-    EXPECT_EQ(handover.number(), 1);
+    board.tools().clearCommands();
+    handover.handOver(*first);
+    EXPECT_EQ(count(kOpenOne), 1u);
+    EXPECT_EQ(handover.closed(), 256u);
+    EXPECT_EQ(handover.failed(), 1u);
 }
 
 TEST_F(HandoverTest, TimeInAnotherFormIsNoReading)
 {
-    shared.steering = true;
-    readCurrentTime(runner, shared);
-    const std::string before = shared.stamp();
-    // ntpsec's ISO line, the same every time: neither the page nor a
-    // hand-over may take it.
+    dac.configureLines();
+    cycles(60);
+    ASSERT_TRUE(cycle.steeringEnabled());
+    // ntpsec's ISO line: neither the page nor a hand-over may take it.
     board.tools().onCommand("ntptime", "ntp_gettime() returns code 0 (OK)\n"
                                "  time eeade443.45e05000 2026-11-22T21:59:31.272Z, (.272954),\n");
-    EXPECT_FALSE(readCurrentTime(runner, shared));
-    EXPECT_EQ(shared.stamp(), before);
-    EXPECT_EQ(shared.now().time, "13:27:00");
-    cycle.runCycle();
-    EXPECT_EQ(count("/usr/bin/Zarvent/spiWrite -m 1 -l 3 -d 1 10 1\n"), 0u);
-    EXPECT_EQ(shared.stamp(), before);
+    EXPECT_FALSE(readNtptime(runner));
+    cycles(1);
+    EXPECT_EQ(count(kOpenOne), 0u);
+    EXPECT_NE(file("/ramcache/zarvent/ntp_data.txt").find("<b>Time:</b>\t13:28:00\n"),
+              std::string::npos);
 }
 
 TEST_F(CycleTest, OffsetTextAndJitterBlocks)
 {
-    OffsetReadout &offset = parts.offset;
+    OffsetReadout offset(registers);
     board.fpga().setRegister(14, 50000000);
-    EXPECT_EQ(offset.readOffset(), -500000000);
+    EXPECT_EQ(offset.readOffset().offsetNs, -500000000);
     EXPECT_EQ(offsetAsShown(-500000000), -5000000);
     board.fpga().setRegister(14, 5);
     for (int i = 1; i < 127; ++i)
-        offset.readOffset();
-    EXPECT_EQ(shared.jitterNs, 0);
+        EXPECT_FALSE(offset.readOffset().blockJitterNs);
     board.fpga().setRegister(14, 99999995);
-    offset.readOffset(); // the 128th ends the block
-    EXPECT_EQ(shared.jitterNs, 500000050);
+    EXPECT_EQ(offset.readOffset().blockJitterNs, 500000050); // the 128th ends the block
     board.fpga().setRegister(14, 5);
-    for (int i = 0; i < 128; ++i)
+    for (int i = 1; i < 128; ++i)
         offset.readOffset();
-    EXPECT_EQ(shared.jitterNs, 100); // the next block starts from +50
+    EXPECT_EQ(offset.readOffset().blockJitterNs, 100); // the next block starts from +50
     board.fpga().setRegisterToolFault(sim::RegisterToolFault::Garbage);
-    EXPECT_EQ(offset.readOffset(), 0);
+    EXPECT_EQ(offset.readOffset().offsetNs, 0);
 }
 
 TEST_F(CycleTest, RelayResetFiveSecondsAfterAnEvent)
 {
-    RelayReset &relay = parts.relay;
+    RelayReset relay(registers);
     board.fpga().setRegister(2, 0x01);
     board.fpga().setRegister(28, 1);
     relay.acknowledge(100);
@@ -226,7 +230,7 @@ TEST_F(CycleTest, RelayResetFiveSecondsAfterAnEvent)
 
 TEST_F(CycleTest, ClientIndicatorFlashesOnTheLowByte)
 {
-    ClientIndicator &client = parts.client;
+    ClientIndicator client(board, gpio, registers);
     for (auto [responses, flash] : {std::pair{0, false}, {256, false}, {65535, true}, {1, true}}) {
         board.tools().clearCommands();
         board.fpga().setRegister(26, static_cast<std::uint64_t>(responses));
@@ -247,8 +251,7 @@ class SteeringTest : public CycleTest {
     void steerAt(std::int64_t unixSecond)
     {
         board.clock().setNowUs(unixSecond * kSecondUs);
-        shared.setCycleTime(*board.localTime(unixSecond));
-        steering.steer(100);
+        steering.steer(100, CycleTime{unixSecond, *board.localTime(unixSecond)});
     }
     std::size_t chartFiles()
     {
@@ -257,20 +260,26 @@ class SteeringTest : public CycleTest {
             n += isChartFileName(name);
         return n;
     }
-    Steering &steering = parts.steering;
+    // The code of the last DAC word, which must be the oscillator's.
+    unsigned lastCode() const
+    {
+        const unsigned word = board.gpio().dacWords().back().word;
+        EXPECT_EQ(word >> 20, 3u);
+        return (word >> 4) & 0xFFFF;
+    }
+    Steering steering{board, registers, dac};
 };
 
 TEST_F(SteeringTest, CentreFromItsFileWithARangeCheck)
 {
+    // 100 ns from a fresh start: S 5, integral 105, difference -95.
     board.files().writeFile("/usr/bin/Zarvent/dac_voltage", "40000\n");
     steerAt(kStart);
-    EXPECT_EQ(steering.centre(), 40000);
+    EXPECT_EQ(lastCode(), 40007u);
+    // Out of range: the previous centre stays. S 9, integral 214, difference -91.
     board.files().writeFile("/usr/bin/Zarvent/dac_voltage", "-3000000000\n");
     steerAt(kStart + 1);
-    EXPECT_EQ(steering.centre(), 40000);
-    EXPECT_EQ(board.gpio().dacWords().back().word,
-              0x300000u | (static_cast<unsigned>(steering.code()) << 4));
-    EXPECT_LT(steering.code(), 41000);
+    EXPECT_EQ(lastCode(), 40009u);
 }
 
 TEST_F(SteeringTest, ChartPointsByMinute)
@@ -288,13 +297,13 @@ TEST_F(SteeringTest, ChartFilesOfEveryRunStayWithinTheBound)
 {
     // Five minutes of chart more than are kept, left by an earlier run, and
     // the placeholders.
-    for (int i = 0; i < chart::kFilesKept + 5; ++i) {
+    for (int i = 0; i < 960 + 5; ++i) {
         std::tm t = *board.localTime(kStart - 86400 + i * 60);
         board.files().writeFile(chartFileName(t), "[new Date(\"\"), 0],\n");
     }
     board.files().writeFile("/ramcache/zarvent/ptp_data_0000_00_01", "");
     steerAt(kStart);
-    EXPECT_EQ(chartFiles(), static_cast<std::size_t>(chart::kFilesKept));
+    EXPECT_EQ(chartFiles(), 960u);
     EXPECT_FALSE(board.files().exists(chartFileName(*board.localTime(kStart - 86400 + 5 * 60))));
     EXPECT_TRUE(board.files().exists(chartFileName(*board.localTime(kStart - 86400 + 6 * 60))));
     EXPECT_TRUE(board.files().exists("/ramcache/zarvent/ptp_data_0000_00_01"));

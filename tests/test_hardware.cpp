@@ -51,7 +51,6 @@ TEST_F(HardwareTest, KeptLineReadsAtOffsetZeroThroughOneDescriptor)
 
 TEST_F(HardwareTest, DacWords)
 {
-    Dac &dac = parts.dac;
     dac.configureLines();
     EXPECT_EQ(board.gpio().direction(96), "out");
     EXPECT_EQ(board.gpio().level(96), 0);
@@ -86,7 +85,7 @@ TEST_F(HardwareTest, RegisterReadModifyWrite)
     EXPECT_EQ(registerWrites(), (std::vector<std::string>{"./spiWrite -m 1 -l 3 -d 1 2 7 0",
                                                           "./spiWrite -m 1 -l 3 -d 1 2 5 0"}));
     board.fpga().setRegister(24, 4660);
-    EXPECT_EQ(registers.readCounter(24), 4660u);
+    EXPECT_EQ(registers.readRequests(), 4660u);
 }
 
 TEST_F(HardwareTest, ValueThatDidNotComeFromTheRegisterIsNeverWritten)

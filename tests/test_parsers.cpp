@@ -5,7 +5,7 @@
 #include <array>
 #include <cstring>
 
-#include "daemon/cycle_loop.h"
+#include "state/cycle_time.h"
 #include "cycle/handover.h"
 #include "cycle/offset.h"
 #include "cycle/steering.h"

@@ -112,9 +112,9 @@ TEST(Scenario, MetricsFollowTheBoard)
         if (text.empty())
             return;
         const BoardStats board = v.model.stats();
-        SharedState &shared = v.daemon.parts().shared;
+        const SharedState &shared = v.daemon.shared();
         const std::int64_t t = v.unixSecond - 1794835620;
-        EXPECT_EQ(value("zarvent_steering"), v.daemon.parts().shared.steering ? "1" : "0") << t;
+        EXPECT_EQ(value("zarvent_steering"), v.daemon.steeringEnabled() ? "1" : "0") << t;
         EXPECT_EQ(value("zarvent_handovers_closed_total"),
                   std::to_string(board.handoversAccepted + board.handoversRejected))
             << t;

@@ -61,8 +61,12 @@ class StatisticsTest : public BoardTest {
     {
         board.files().writeFile("/usr/bin/Zarvent/enable.cfg", "1\n");
     }
-    StatCapture &capture = parts.capture;
-    PacketCounters &counters = parts.counters;
+    CycleTime cycleAt(std::int64_t second)
+    {
+        return {second, *board.localTime(second)};
+    }
+    StatCapture capture{board, runner, registers};
+    PacketCounters counters{board, registers, capture};
 };
 
 TEST_F(StatisticsTest, MissingReadingCountsAsZero)
@@ -70,16 +74,16 @@ TEST_F(StatisticsTest, MissingReadingCountsAsZero)
     board.files().writeFile("/usr/bin/Zarvent/enable.cfg", "0\n");
     const PacketHistory &history = counters.history();
     board.fpga().setRegister(26, 10);
-    counters.readCounters(kStart + 6);
+    counters.readCounters(cycleAt(kStart + 6));
     board.fpga().setRegister(26, 65535);
     board.fpga().setRegister(24, 41);
-    counters.readCounters(kStart + 7);
+    counters.readCounters(cycleAt(kStart + 7));
     EXPECT_EQ(history.responses.seconds[7], 0u);
     EXPECT_FLOAT_EQ(history.responses.average, 2.5f);
     EXPECT_EQ(history.requests.seconds[7], 41u); // read with the flag off too
     EXPECT_EQ(board.spi().exchanges(), 0);
     board.fpga().setRegisterToolFault(sim::RegisterToolFault::Garbage);
-    counters.readCounters(kStart + 8);
+    counters.readCounters(cycleAt(kStart + 8));
     EXPECT_EQ(history.requests.seconds[8], 0u);
 }
 
@@ -147,19 +151,23 @@ TEST_F(StatisticsTest, StatFileThatCannotBeOpenedLosesOneExchange)
     capture.capture();
     EXPECT_EQ(board.spi().exchanges(), 1);
     EXPECT_FALSE(board.files().exists("/ftpdir/lock"));
-    EXPECT_EQ(capture.phase(), 0);
+    capture.capture(); // the count starts afresh after the lost exchange
+    EXPECT_EQ(board.spi().exchanges(), 1);
+    capture.capture();
+    EXPECT_EQ(board.spi().exchanges(), 2);
 }
 
 class PageTest : public StatisticsTest {
   protected:
     PageTest()
     {
-        shared.setNow("Nov 16 2026 13:27:46.121", "eea58352.1f2e3d4c ");
-        shared.setEvent("Nov 16 2026 13:27:00.004", "eea58324.01000000 ");
-        shared.setReference("GPS+GLONASS");
+        input.time = {kStart + 46, at(13, 27, 46)};
+        input.now = splitDateTime("Nov 16 2026 13:27:46.121");
+        input.offsetNs = -50;
+        input.blockJitterNs = 12;
+        shared.setEvent("Nov 16 2026 13:27:00.004");
+        shared.reference = Reference::SystemPeer;
         shared.antennaCode = 7;
-        shared.jitterNs = 12;
-        shared.setCycleTime(at(13, 27, 46));
         CounterHistory &req = packets->requests;
         CounterHistory &resp = packets->responses;
         req.seconds[45] = 41;
@@ -177,15 +185,21 @@ class PageTest : public StatisticsTest {
         req.days[16] = 7;
         resp.days[16] = 8;
     }
+    std::string writePage()
+    {
+        page.write(input, *packets);
+        input.blockJitterNs.reset();
+        return file("/ramcache/zarvent/ntp_data.txt");
+    }
+    PageInput input;
     std::unique_ptr<PacketHistory> packets = std::make_unique<PacketHistory>();
-    StatusPage page{board, runner, shared, *packets};
+    StatusPage page{board, runner, shared};
 };
 
 TEST_F(PageTest, PageAsTheWebInterfaceReadsIt)
 {
     board.files().writeFile("/usr/bin/Zarvent/nmea_emul_flag.txt", "1abc\n");
-    page.write(-50);
-    EXPECT_EQ(file("/ramcache/zarvent/ntp_data.txt"),
+    EXPECT_EQ(writePage(),
               "<b>UTC</b>\t\t<b>Date:</b>\tNov 16 2026\n\t\t<b>Time:</b>\t13:27:46\n"
               "<b>Current Offset [ns]:</b>\t-50\n<b>Mean Offset [ns]:</b>\t0\n"
               "<b>Jitter [ns]:</b>\t\t12\n<b>Reference time:</b>    GPS+GLONASS\n"
@@ -199,44 +213,54 @@ TEST_F(PageTest, PageAsTheWebInterfaceReadsIt)
               "<b>Request per Day:</b>\t7\n<b>Response per Day:</b>\t8\n"
               "\n<b>Antenna:</b> Ok\n<b>GPS Emulation:</b>\tOn\nNov 16 2026\n13:27:46\n");
     EXPECT_FALSE(board.files().exists("/ramcache/zarvent/lock"));
-    EXPECT_EQ(page.filter().meanState, 0.0f); // not steering: the filter rests
 }
 
 TEST_F(PageTest, MeanAndJitterWhileSteering)
 {
-    shared.steering = true;
     shared.alarm = true;
-    shared.setCycleTime(at(13, 28, 0));
+    input.time = {kStart + 60, at(13, 28, 0)};
     packets->requests.seconds[59] = 17;
-    page.write(-50);
-    const std::string text = file("/ramcache/zarvent/ntp_data.txt");
+    input.steering = true;
+    const std::string text = writePage();
     EXPECT_NE(text.find("<b>Alarm at:</b> \t<b>Date:</b>"), std::string::npos);
     EXPECT_NE(text.find("<b>Request per Second:</b>\t17\t"), std::string::npos);
     EXPECT_NE(text.find("<b>Mean Offset [ns]:</b>\t0\n<b>Jitter [ns]:</b>\t\t2\n"),
               std::string::npos);
-    EXPECT_EQ(shared.jitterNs, 2);
     EXPECT_NE(text.find("<b>GPS Emulation:</b>\tOff\n"), std::string::npos);
     // A flag file without a number is not "on".
     board.files().writeFile("/usr/bin/Zarvent/nmea_emul_flag.txt", "x\n");
-    page.write(-50);
-    EXPECT_NE(file("/ramcache/zarvent/ntp_data.txt").find("<b>GPS Emulation:</b>\tOff\n"),
+    EXPECT_NE(writePage().find("<b>GPS Emulation:</b>\tOff\n"), std::string::npos);
+}
+
+// The filter rests while the oscillator is not steered: the first steered
+// page starts it from nought, and the jitter shown until then is the offset
+// readout's.
+TEST_F(PageTest, FilterStartsWithSteering)
+{
+    input.offsetNs = -1000000;
+    EXPECT_NE(writePage().find("<b>Mean Offset [ns]:</b>\t0\n<b>Jitter [ns]:</b>\t\t12\n"),
               std::string::npos);
+    EXPECT_NE(writePage().find("<b>Jitter [ns]:</b>\t\t12\n"), std::string::npos);
+    input.steering = true;
+    EXPECT_NE(writePage().find("<b>Mean Offset [ns]:</b>\t-3131\n<b>Jitter [ns]:</b>\t\t55786\n"),
+              std::string::npos);
+    input.steering = false; // the filter's jitter stays until a block ends
+    EXPECT_NE(writePage().find("<b>Jitter [ns]:</b>\t\t55786\n"), std::string::npos);
+    input.blockJitterNs = 40;
+    EXPECT_NE(writePage().find("<b>Jitter [ns]:</b>\t\t40\n"), std::string::npos);
 }
 
 // A RAM disk out of inodes: the new page cannot be made, the old one stays
 // whole for the web interface.
 TEST_F(PageTest, PageThatCannotBeMade)
 {
-    shared.steering = true;
+    input.steering = true;
     board.files().writeFile("/ramcache/zarvent/ntp_data.txt", "the last page\n");
     board.files().writeFile("/ramcache/zarvent/lock", "");
     board.files().setRamDiskFull(false, true);
-    page.write(-50);
+    EXPECT_EQ(writePage(), "the last page\n");
     EXPECT_EQ(board.process().errorOutput(), "Cannot open file\n: No space left on device\n");
-    EXPECT_EQ(file("/ramcache/zarvent/ntp_data.txt"), "the last page\n");
     EXPECT_TRUE(board.files().exists("/ramcache/zarvent/lock"));
-    EXPECT_EQ(page.filter().meanState, 0.0f);
-    EXPECT_EQ(shared.jitterNs, 12);
 }
 
 } // namespace

@@ -20,7 +20,7 @@ void ClientIndicator::flashOnResponses()
 {
     // Only the first data byte, the low byte, counts. A read that failed
     // counts as 0, so the indicator stays dark.
-    const auto responses = registers_.readCounter(fpga::kResponseCounter);
+    const auto responses = registers_.readResponses();
     if (responses && (*responses & 0xFF) != 0) {
         gpio_.echoLevel(pin::kClientOff, 0);
         gpio_.echoLevel(pin::kClientOn, 1);

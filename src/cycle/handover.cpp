@@ -20,14 +20,6 @@ constexpr std::int64_t kEra = std::int64_t{1} << 32;
 
 } // namespace
 
-std::optional<NtptimeReading> readCurrentTime(Runner &runner, SharedState &shared)
-{
-    auto reading = readNtptime(runner);
-    if (reading)
-        shared.setNow(reading->dateTime, reading->stamp);
-    return reading;
-}
-
 std::int64_t taiCountOfNextSecond(std::string_view stamp, std::int32_t taiOffset)
 {
     std::int64_t ntp = 0;
@@ -42,7 +34,7 @@ std::int64_t taiCountOfNextSecond(std::string_view stamp, std::int32_t taiOffset
     return ntp - kNtpToUnixNext + taiOffset;
 }
 
-void TimeHandover::handOver(const NtptimeReading &first)
+std::optional<NtptimeReading> TimeHandover::handOver(const NtptimeReading &first)
 {
     ++failed_; // until it is closed
     const std::int64_t count = taiCountOfNextSecond(first.stamp, shared_.taiOffset.load());
@@ -50,15 +42,15 @@ void TimeHandover::handOver(const NtptimeReading &first)
     // A command that cannot be started ends the hand-over; the next cycle
     // opens it again with the same number.
     if (!registers_.writeHandover(fpga::kHandoverOpen, number_))
-        return;
+        return std::nullopt;
     if (!registers_.writeCount(static_cast<std::uint64_t>(count)))
-        return;
+        return std::nullopt;
 
     // The second reading. When it fails, the second is not known to be
     // unchanged, so the hand-over stays open and is repeated next cycle.
-    const auto second = readCurrentTime(runner_, shared_);
+    auto second = readNtptime(runner_);
     if (!second || taiCountOfNextSecond(second->stamp, shared_.taiOffset.load()) != count)
-        return;
+        return second;
 
     // Advance the number, then close with the number that opened. The step
     // from 0 to 1 comes only after the close has been started, so a failed
@@ -66,11 +58,12 @@ void TimeHandover::handOver(const NtptimeReading &first)
     const std::uint8_t opened = number_;
     number_ = static_cast<std::uint8_t>(opened + 1);
     if (!registers_.writeHandover(fpga::kHandoverClose, opened))
-        return;
+        return second;
     if (number_ == 0)
         number_ = 1;
     --failed_;
     ++closed_;
+    return second;
 }
 
 } // namespace zarvent

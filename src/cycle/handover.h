@@ -15,10 +15,6 @@ class Runner;
 class Registers;
 class SharedState;
 
-// Runs ntptime and keeps the reading as the cycle's current time; a reading
-// that fails leaves the current time as it was.
-std::optional<NtptimeReading> readCurrentTime(Runner &runner, SharedState &shared);
-
 // The seconds count the FPGA is to show from its next pulse: the NTP seconds
 // of the hexadecimal time stamp at the start of text, as Unix seconds, plus
 // one, plus TAI-UTC.
@@ -26,25 +22,18 @@ std::int64_t taiCountOfNextSecond(std::string_view stamp, std::int32_t taiOffset
 
 class TimeHandover {
   public:
-    TimeHandover(Runner &runner, Registers &registers, SharedState &shared)
+    TimeHandover(Runner &runner, Registers &registers, const SharedState &shared)
         : runner_(runner), registers_(registers), shared_(shared)
     {}
 
-    // Writes the count of `first` (this cycle's reading) to the FPGA: register
-    // 10 opens the hand-over, register 3 takes the count, and register 11
-    // closes it only when a second reading shows the same second.
-    void handOver(const NtptimeReading &first);
+    // Writes the count of `first` (this cycle's reading) to the FPGA: the
+    // hand-over's number opens it, the count follows, and the same number
+    // closes it only when a second reading shows the same second. The second
+    // reading when it was taken and has the classic form: the cycle's time
+    // from then on.
+    std::optional<NtptimeReading> handOver(const NtptimeReading &first);
 
-    // The hand-over number, 1 to 255 and round again, never 0.
-    std::uint8_t number() const
-    {
-        return number_;
-    }
-    void setNumber(std::uint8_t value)
-    {
-        number_ = value;
-    }
-    // Hand-overs closed with register 11, and those that ended before.
+    // Hand-overs closed, and those that ended before.
     std::uint64_t closed() const
     {
         return closed_;
@@ -57,8 +46,8 @@ class TimeHandover {
   private:
     Runner &runner_;
     Registers &registers_;
-    SharedState &shared_;
-    std::uint8_t number_ = 1;
+    const SharedState &shared_;
+    std::uint8_t number_ = 1; // 1 to 255 and round again, never 0
     std::uint64_t closed_ = 0;
     std::uint64_t failed_ = 0;
 };

@@ -1,8 +1,8 @@
 #include "cycle/offset.h"
 
+#include <string>
+
 #include "hardware/registers.h"
-#include "ntp/ntp_queries.h"
-#include "state/shared_state.h"
 
 namespace zarvent {
 
@@ -12,7 +12,6 @@ constexpr std::uint32_t kNoMeasurementAbove = 4277071597u; // 0xFEEEEEED
 constexpr std::int32_t kHalfSecondNs = 500000000;
 constexpr std::int32_t kSecondNs = 1000000000;
 constexpr std::int32_t kJitterBlock = 128;
-constexpr std::uint32_t kValidCycles = 60;
 
 // What signed 32-bit arithmetic gives for u, without the undefined behaviour
 // of a signed overflow.
@@ -37,46 +36,36 @@ std::int32_t foldPhase(std::uint32_t raw)
     return wrap32(0u - xu);
 }
 
-std::int32_t OffsetReadout::readOffset()
+std::int32_t offsetAsShown(std::int32_t offsetNs)
+{
+    std::string text = std::to_string(offsetNs);
+    if (text.size() <= kOffsetTextLength)
+        return offsetNs;
+    text.resize(kOffsetTextLength);
+    return static_cast<std::int32_t>(std::stol(text));
+}
+
+OffsetReading OffsetReadout::readOffset()
 {
     // A read that failed is taken as no measurement, offset 0: the steering
     // then sees no error and its integral does not grow from a value that did
     // not come from the FPGA.
     const auto raw = registers_.readPhase();
-    const std::int32_t offset = raw ? foldPhase(*raw) : 0;
-    if (offset > blockMax_)
-        blockMax_ = offset;
-    if (offset < blockMin_)
-        blockMin_ = offset;
+    OffsetReading reading;
+    reading.offsetNs = raw ? foldPhase(*raw) : 0;
+    if (reading.offsetNs > blockMax_)
+        blockMax_ = reading.offsetNs;
+    if (reading.offsetNs < blockMin_)
+        blockMin_ = reading.offsetNs;
     ++blockCycles_;
     if (blockCycles_ >= kJitterBlock) {
-        shared_.jitterNs =
+        reading.blockJitterNs =
             wrap32(static_cast<std::uint32_t>(blockMax_) - static_cast<std::uint32_t>(blockMin_));
-        blockMax_ = offset;
-        blockMin_ = offset;
+        blockMax_ = reading.offsetNs;
+        blockMin_ = reading.offsetNs;
         blockCycles_ = 0;
     }
-    return offset;
-}
-
-void OffsetReadout::qualifyReceiver()
-{
-    switch (readReceiverStatus(runner_)) {
-    case ReceiverStatus::Unknown:
-        return; // ntpq cannot be started: nothing changes
-    case ReceiverStatus::Invalid:
-        shared_.steering = false;
-        validCycles_ = 0;
-        registers_.copyControlToSync(false, PipeMode::Read);
-        return;
-    case ReceiverStatus::Valid:
-        if (++validCycles_ >= kValidCycles) {
-            shared_.steering = true;
-            validCycles_ = 0;
-            registers_.copyControlToSync(true, PipeMode::Read);
-        }
-        return;
-    }
+    return reading;
 }
 
 } // namespace zarvent

@@ -27,7 +27,7 @@ void RelayReset::acknowledge(std::int64_t nowSeconds)
 {
     // A read that failed carries no flags; pending events keep their timers.
     // Both flags are looked at before either bit is pulsed.
-    const unsigned flags = registers_.readByte(fpga::kRelayEvents).value_or(0);
+    const unsigned flags = registers_.readRelayEvents().value_or(0);
     if ((flags & 1u) != 0 && !first_.pending)
         first_ = {true, nowSeconds};
     if ((flags & 2u) != 0 && !second_.pending)

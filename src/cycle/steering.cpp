@@ -10,7 +10,7 @@
 #include "hardware/parsers.h"
 #include "hardware/registers.h"
 #include "platform/files.h"
-#include "state/shared_state.h"
+#include "state/cycle_time.h"
 
 // The law must give the same codes on the board as on a PC: products rounded
 // to double before they are added (the build uses -ffp-contract=off) and no
@@ -78,8 +78,9 @@ bool isChartFileName(const std::string &name)
     return true;
 }
 
-Steering::Steering(Platform &platform, Registers &registers, Dac &dac, SharedState &shared)
-    : platform_(platform), registers_(registers), dac_(dac), shared_(shared)
+Steering::Steering(Platform &platform, Registers &registers, Dac &dac)
+    : platform_(platform), registers_(registers), dac_(dac),
+      centre_(static_cast<std::int32_t>(dac::kCentreCode)), codeSent_(dac::kCentreCode)
 {}
 
 void Steering::loadCentre()
@@ -145,9 +146,8 @@ void Steering::trimCharts(const std::string &current)
     chartFiles_ = names.size() - first + coming;
 }
 
-void Steering::chartPoint(std::int32_t offset)
+void Steering::chartPoint(std::int32_t offset, const std::tm &t)
 {
-    const std::tm t = shared_.cycleTime();
     const std::string name = chartFileName(t);
     if (name != lastChart_) {
         // A new minute starts a new file: room is made before it is created,
@@ -162,22 +162,23 @@ void Steering::chartPoint(std::int32_t offset)
     file.write(formatText("[new Date(\"%02d/%02d/%d %02d:%02d:%02d\"), %ld],\n", t.tm_mon + 1,
                           t.tm_mday, t.tm_year + 1900, t.tm_hour, t.tm_min, t.tm_sec,
                           static_cast<long>(offset)));
-    file.close();
+    (void)file.close(); // a point that does not fit is dropped, as one that cannot be opened
 }
 
-void Steering::steer(std::int32_t offsetNs)
+void Steering::steer(std::int32_t offsetNs, const CycleTime &time)
 {
+    dac_.writeWord(dac::kReference, dac::kReferenceValue);
     loadCentre();
-    const SteeringStep s = steeringLaw(centre_, offsetAsShown(offsetNs), filtered_, integral_);
+    const SteeringStep s = steeringLaw(centre_, offsetNs, filtered_, integral_);
     integral_ = s.integral;
     filtered_ = s.filtered;
-    chartPoint(s.error);
-    code_ = static_cast<std::int32_t>(dacCode(s.control));
+    chartPoint(s.error, time.local);
+    const std::uint32_t code = dacCode(s.control);
     // Register 1 = register 2 with the sync bit set; a failed read is not
     // written.
     if (const auto control = registers_.readControl())
         registers_.write(fpga::kSyncRegister, *control | fpga::kSyncBit, PipeMode::Write);
-    codeSent_ = static_cast<unsigned>(code_);
+    codeSent_ = code;
     dac_.writeWord(dac::kLoadCode, codeSent_);
 }
 

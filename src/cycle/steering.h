@@ -13,9 +13,9 @@ namespace zarvent {
 class Platform;
 class Registers;
 class Dac;
-class SharedState;
+struct CycleTime;
 
-// Chart files on the RAM disk. CreateRAMDisk makes it with "mkfs -q /dev/ram1
+// Chart files on the RAM disk. Start-up makes it with "mkfs -q /dev/ram1
 // 8192": 8192 blocks of 1 KiB and, at one inode per 4 KiB for so small a file
 // system, 2048 inodes. The file system's own structures take about 600 blocks
 // and 11 inodes, and 5 % of the blocks are reserved for root. A chart file of
@@ -64,23 +64,16 @@ bool isChartFileName(const std::string &name);
 
 class Steering {
   public:
-    Steering(Platform &platform, Registers &registers, Dac &dac, SharedState &shared);
+    Steering(Platform &platform, Registers &registers, Dac &dac);
 
-    // Loads the centre code, then sends DAC command 4 with 2048 and command 3
-    // with the centre.
+    // Loads the centre code, then sends the DAC's reference set-up and the
+    // centre as the oscillator's code.
     void sendDefaults();
-    // One steered second from this cycle's offset: the new code, register 1
-    // bit 0, the DAC word and a chart point.
-    void steer(std::int32_t offsetNs);
+    // One steered second from this cycle's offset (as the page shows it):
+    // the DAC's reference set-up, the new code, the FPGA's sync bit, the
+    // code to the DAC and a chart point in the minute of the cycle's time.
+    void steer(std::int32_t offsetNs, const CycleTime &time);
 
-    std::int32_t centre() const
-    {
-        return centre_;
-    }
-    std::int32_t code() const
-    {
-        return code_;
-    }
     // The code the DAC holds: the centre from start-up, then each steered
     // second's code (it keeps the last one when steering stops).
     unsigned codeSent() const
@@ -95,15 +88,13 @@ class Steering {
 
   private:
     void loadCentre();
-    void chartPoint(std::int32_t offset);
+    void chartPoint(std::int32_t offset, const std::tm &t);
     void trimCharts(const std::string &current);
 
     Platform &platform_;
     Registers &registers_;
     Dac &dac_;
-    SharedState &shared_;
-    std::int32_t centre_ = 32768;
-    std::int32_t code_ = 32768; // the last steered second's code, clamped
+    std::int32_t centre_;
     std::int32_t filtered_ = 0;
     // 64 bits: at full-scale offset a 32-bit integral would overflow after
     // about 30 hours of steering; 20000 a second cannot fill 64 bits, and
@@ -111,7 +102,7 @@ class Steering {
     std::int64_t integral_ = 0;
     std::string lastChart_;
     std::size_t chartFiles_ = 0;
-    unsigned codeSent_ = 32768;
+    unsigned codeSent_;
 };
 
 } // namespace zarvent

@@ -14,11 +14,10 @@
 namespace zarvent {
 
 Daemon::Daemon(Platform &platform)
-    : platform_(platform), parts_(platform),
-      fpga_(platform, parts_.runner, parts_.gpio, parts_.registers),
-      supervision_(platform, parts_.runner, parts_.gpio, parts_.registers, parts_.shared,
-                   parts_.alarm, parts_.antenna, parts_.factory),
-      cycle_(parts_)
+    : platform_(platform), board_(platform),
+      fpga_(platform, board_.runner, board_.gpio, board_.registers),
+      supervision_(platform, board_.runner, board_.gpio, board_.registers, board_.shared),
+      cycle_(platform, board_.runner, board_.gpio, board_.registers, board_.dac, board_.shared)
 {}
 
 namespace {
@@ -76,7 +75,7 @@ void Daemon::prepareRamDisk()
 {
     // Each command is run and closed at once; its output and exit status are
     // not looked at, so a step that fails does not stop the next.
-    Runner &run = parts_.runner;
+    Runner &run = board_.runner;
     const auto made = run.run("mkfs -q /dev/ram1 8192", PipeMode::Read);
     run.run("mkdir -p /ramcache", PipeMode::Read);
     const auto mounted = run.run("mount /dev/ram1 /ramcache", PipeMode::Read);
@@ -103,11 +102,11 @@ void Daemon::prepareRamDisk()
     // The cycle time is set before any thread starts; the start-time marker
     // is named from this local time.
     const std::int64_t started = platform_.realtimeNs() / 1'000'000'000;
-    parts_.shared.startTime = started;
+    board_.shared.startTime = started;
     const auto local = platform_.localTime(started);
     if (!local)
         return;
-    parts_.shared.setCycleTime(*local);
+    board_.shared.setCycleTime(*local);
     run.run(formatText("touch /ramcache/zarvent/%02d_%02d_%d-%02d-%02d.time", local->tm_hour,
                        local->tm_min, local->tm_year + 1900, local->tm_mon + 1, local->tm_mday),
             PipeMode::Write);

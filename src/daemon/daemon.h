@@ -1,8 +1,8 @@
 // The daemon: its parts wired at start, the RAM disk and the three threads.
 #pragma once
 
-#include "daemon/cycle_loop.h"
-#include "daemon/parts.h"
+#include "cycle/cycle_loop.h"
+#include "daemon/board.h"
 #include "fpga/fpga_loader.h"
 #include "platform/platform.h"
 #include "supervision/supervision_loop.h"
@@ -29,9 +29,15 @@ class Daemon {
     // holds it or it cannot be had.
     bool lockInstance();
 
-    Parts &parts()
+    // What the threads share and whether the cycle steers: the simulator's
+    // view of the daemon.
+    const SharedState &shared() const
     {
-        return parts_;
+        return board_.shared;
+    }
+    bool steeringEnabled() const
+    {
+        return cycle_.steeringEnabled();
     }
 
   private:
@@ -39,7 +45,7 @@ class Daemon {
 
     Platform &platform_;
     UniqueFd instanceLock_;
-    Parts parts_;
+    Board board_;
     FpgaLoader fpga_;
     SupervisionLoop supervision_;
     CycleLoop cycle_;

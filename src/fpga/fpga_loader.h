@@ -30,10 +30,6 @@ class FpgaLoader {
     void loadUntilConfigured();
     void run();
 
-    bool configured() const
-    {
-        return configured_;
-    }
     // Loop iterations so far, for the watchdog: it stops feeding systemd's
     // watchdog when this stays still for longer than kProgressBound.
     std::uint64_t progress() const

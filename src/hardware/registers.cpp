@@ -49,17 +49,32 @@ std::optional<std::uint32_t> Registers::readPhase()
     return static_cast<std::uint32_t>(*value);
 }
 
-std::optional<std::uint64_t> Registers::readCounter(int reg)
+std::optional<std::uint64_t> Registers::readRequests()
 {
-    return read(reg == fpga::kRequestCounter ? kReadRequests : kReadResponses, 5, 2);
+    return read(kReadRequests, 5, 2);
 }
 
-std::optional<unsigned> Registers::readByte(int reg)
+std::optional<std::uint64_t> Registers::readResponses()
 {
-    const auto value = read(reg == fpga::kRelayEvents ? kReadRelayEvents : kReadCapture, 5, 1);
+    return read(kReadResponses, 5, 2);
+}
+
+std::optional<unsigned> Registers::readOneByte(const char *line)
+{
+    const auto value = read(line, 5, 1);
     if (!value)
         return std::nullopt;
     return static_cast<unsigned>(*value);
+}
+
+std::optional<unsigned> Registers::readRelayEvents()
+{
+    return readOneByte(kReadRelayEvents);
+}
+
+std::optional<unsigned> Registers::readCaptureControl()
+{
+    return readOneByte(kReadCapture);
 }
 
 bool Registers::write(int reg, unsigned value, PipeMode mode)

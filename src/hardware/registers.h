@@ -33,11 +33,14 @@ class Registers {
     [[nodiscard]] std::optional<unsigned> readControl();
     // The pulse's phase, register 14 (four data bytes, six calls).
     [[nodiscard]] std::optional<std::uint32_t> readPhase();
-    // A packet counter, register 24 or 26 (two data bytes, five calls).
-    [[nodiscard]] std::optional<std::uint64_t> readCounter(int reg);
-    // The relay events (28) or the capture control (48): one data byte, five
-    // calls.
-    [[nodiscard]] std::optional<unsigned> readByte(int reg);
+    // The PTP requests and responses the FPGA counted in the last second
+    // (two data bytes, five calls).
+    [[nodiscard]] std::optional<std::uint64_t> readRequests();
+    [[nodiscard]] std::optional<std::uint64_t> readResponses();
+    // The relay event flags and the statistics capture's control: one data
+    // byte, five calls.
+    [[nodiscard]] std::optional<unsigned> readRelayEvents();
+    [[nodiscard]] std::optional<unsigned> readCaptureControl();
 
     // Writes one byte to register 1 or 2: "./spiWrite -m 1 -l 3 -d 1 R V 0",
     // closed at once; false when the command could not be started.
@@ -65,6 +68,7 @@ class Registers {
 
   private:
     std::optional<std::uint64_t> read(const char *line, int calls, int dataBytes);
+    std::optional<unsigned> readOneByte(const char *line);
 
     Platform &platform_;
     Runner &runner_;

@@ -76,7 +76,12 @@ OutputFile::OutputFile(Platform &platform, const std::string &path, Mode mode)
 
 OutputFile::~OutputFile()
 {
-    close();
+    // Not closed: nothing of it is kept.
+    if (fd_.isValid()) {
+        fd_.reset();
+        if (mode_ == Mode::Replace)
+            platform_.removeFile(temporary_);
+    }
 }
 
 bool OutputFile::close()

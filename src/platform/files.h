@@ -21,7 +21,9 @@ std::optional<std::string> readFileStart(Platform &platform, const std::string &
 bool touchFile(Platform &platform, const std::string &path);
 
 // A file the daemon writes, never through a symbolic link. What is written is
-// kept and goes out when the file is closed:
+// kept and goes out when close() is called, which says whether all of it did;
+// a file dropped without close() writes nothing (a Replace file leaves the old
+// one as it was):
 // - Replace: the whole new content into a temporary file beside it, renamed
 //   over the old one once all of it is written; a reader sees the old file or
 //   the new one, never a part, and a write that fails (a full RAM disk)
@@ -46,7 +48,7 @@ class OutputFile {
     }
     // Writes what was written and closes; false when not all of it went out
     // (a Replace file then keeps its old content).
-    bool close();
+    [[nodiscard]] bool close();
 
   private:
     Platform &platform_;

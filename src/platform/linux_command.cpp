@@ -46,13 +46,6 @@ std::string programOf(const std::string &line)
     return first.substr(first.rfind('/') + 1);
 }
 
-std::int64_t monotonicNow()
-{
-    timespec now{};
-    ::clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<std::int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
-}
-
 // posix_spawn's attributes and file actions, destroyed with their scope.
 struct SpawnAttributes {
     SpawnAttributes()
@@ -97,10 +90,10 @@ void napNs(std::int64_t ns)
 // the one end dup2'd onto 0 or 1.
 class ShellCommand final : public Command {
   public:
-    ShellCommand(LinuxPlatform &platform, std::string program, pid_t pid, int fd, bool reading,
-                 std::int64_t deadlineNs)
-        : platform_(platform), program_(std::move(program)), pid_(pid), fd_(fd), reading_(reading),
-          deadlineNs_(deadlineNs)
+    ShellCommand(LinuxPlatform &platform, std::string program, pid_t pid, SystemFd fd,
+                 bool reading, std::int64_t deadlineNs)
+        : platform_(platform), program_(std::move(program)), pid_(pid), fd_(std::move(fd)),
+          reading_(reading), deadlineNs_(deadlineNs)
     {}
     ~ShellCommand() override
     {
@@ -112,7 +105,7 @@ class ShellCommand final : public Command {
 
     long read(std::span<char> into) override
     {
-        if (fd_ < 0 || timedOut_)
+        if (!fd_.isValid() || timedOut_)
             return -1;
         // A command started for writing has no output in the pipe: its end
         // of the pipe is its standard input, closed by wait() as pclose does.
@@ -130,12 +123,12 @@ class ShellCommand final : public Command {
             const int waitMs =
                 ended_ ? 0
                        : static_cast<int>(std::min<std::int64_t>(kSliceMs, left / 1'000'000 + 1));
-            pollfd ready{fd_, POLLIN, 0};
+            pollfd ready{fd_.get(), POLLIN, 0};
             const int count = ::poll(&ready, 1, waitMs);
             if (count < 0 && errno != EINTR)
                 return -1;
             if (count > 0) {
-                const ssize_t got = ::read(fd_, into.data(), into.size());
+                const ssize_t got = ::read(fd_.get(), into.data(), into.size());
                 if (got >= 0)
                     return static_cast<long>(got);
                 if (errno != EINTR && errno != EAGAIN)
@@ -151,10 +144,7 @@ class ShellCommand final : public Command {
 
     int wait() override
     {
-        if (fd_ >= 0) {
-            ::close(fd_);
-            fd_ = -1;
-        }
+        fd_.reset();
         if (pid_ <= 0)
             return status_;
         std::int64_t napNsNext = 50'000;
@@ -182,7 +172,7 @@ class ShellCommand final : public Command {
         std::int64_t end = deadlineNs_;
         if (const std::int64_t stopAt = platform_.stopAtNs(); stopAt != 0)
             end = std::min(end, stopAt + std::chrono::nanoseconds(kStopGrace).count());
-        return end - monotonicNow();
+        return end - monotonicClockNs();
     }
 
     // True once the command has ended and been reaped (status_ set).
@@ -206,10 +196,7 @@ class ShellCommand final : public Command {
     void expire()
     {
         timedOut_ = true;
-        if (fd_ >= 0) {
-            ::close(fd_);
-            fd_ = -1;
-        }
+        fd_.reset();
         if (pid_ <= 0 || ended_) {
             if (pid_ > 0)
                 ::kill(-pid_, SIGKILL); // the command ended, its children did not
@@ -218,9 +205,9 @@ class ShellCommand final : public Command {
             return;
         }
         ::kill(-pid_, SIGKILL);
-        const std::int64_t giveUp = monotonicNow() + kReapGraceNs;
+        const std::int64_t giveUp = monotonicClockNs() + kReapGraceNs;
         std::int64_t nap = 50'000;
-        while (!reapNoHang() && monotonicNow() < giveUp) {
+        while (!reapNoHang() && monotonicClockNs() < giveUp) {
             napNs(nap);
             nap = std::min<std::int64_t>(nap * 2, 10'000'000);
         }
@@ -233,7 +220,7 @@ class ShellCommand final : public Command {
     LinuxPlatform &platform_;
     std::string program_;
     pid_t pid_;
-    int fd_;
+    SystemFd fd_;
     bool reading_;
     std::int64_t deadlineNs_; // on the monotonic clock
     bool ended_ = false;
@@ -252,21 +239,21 @@ std::unique_ptr<Command> LinuxPlatform::startCommand(const std::string &line, Pi
     const std::string program = programOf(line);
     if (hasUnreaped(program) ||
         (stopAtNs() != 0 &&
-         monotonicNow() > stopAtNs() + std::chrono::nanoseconds(kStopGrace).count())) {
+         monotonicClockNs() > stopAtNs() + std::chrono::nanoseconds(kStopGrace).count())) {
         errno = EAGAIN;
         return nullptr;
     }
     const std::int64_t deadlineNs =
-        monotonicNow() + std::chrono::duration_cast<std::chrono::nanoseconds>(deadline).count();
+        monotonicClockNs() + std::chrono::duration_cast<std::chrono::nanoseconds>(deadline).count();
     int ends[2];
     if (::pipe2(ends, O_CLOEXEC) != 0)
         return nullptr;
     const bool reading = mode == PipeMode::Read;
-    const int childEnd = reading ? ends[1] : ends[0];
-    const int ourEnd = reading ? ends[0] : ends[1];
+    SystemFd childEnd(reading ? ends[1] : ends[0]);
+    SystemFd ourEnd(reading ? ends[0] : ends[1]);
 
     SpawnFileActions actions;
-    posix_spawn_file_actions_adddup2(&actions.value, childEnd,
+    posix_spawn_file_actions_adddup2(&actions.value, childEnd.get(),
                                      reading ? STDOUT_FILENO : STDIN_FILENO);
     // The daemon's threads keep SIGTERM and SIGINT blocked for
     // waitForStopRequest() and ignore SIGPIPE; a tool starts with no signal
@@ -287,24 +274,24 @@ std::unique_ptr<Command> LinuxPlatform::startCommand(const std::string &line, Pi
     pid_t pid = -1;
     const int rc = ::posix_spawn(&pid, "/bin/sh", &actions.value, &attributes.value,
                                  const_cast<char **>(argv), environ);
-    ::close(childEnd);
+    childEnd.reset();
     if (rc != 0) {
-        ::close(ourEnd);
         errno = rc;
         return nullptr;
     }
-    return std::make_unique<ShellCommand>(*this, program, pid, ourEnd, reading, deadlineNs);
+    return std::make_unique<ShellCommand>(*this, program, pid, std::move(ourEnd), reading,
+                                          deadlineNs);
 }
 
 void LinuxPlatform::adoptUnreaped(pid_t pid, const std::string &program)
 {
-    const std::lock_guard lock(unreapedMutex_);
+    const MutexLocker lock(unreapedMutex_);
     unreaped_.emplace_back(pid, program);
 }
 
 bool LinuxPlatform::hasUnreaped(const std::string &program)
 {
-    const std::lock_guard lock(unreapedMutex_);
+    const MutexLocker lock(unreapedMutex_);
     std::erase_if(unreaped_, [](const std::pair<pid_t, std::string> &killed) {
         return ::waitpid(killed.first, nullptr, WNOHANG) != 0;
     });

@@ -201,6 +201,11 @@ class UniqueFd {
             platform_->close(fd_);
         fd_ = -1;
     }
+    // Gives up ownership: the descriptor is the caller's to close.
+    [[nodiscard]] int release()
+    {
+        return std::exchange(fd_, -1);
+    }
 
   private:
     Platform *platform_ = nullptr;

@@ -26,14 +26,14 @@ extern char **environ;
 
 namespace zarvent {
 
-namespace {
-
 std::int64_t monotonicClockNs()
 {
     timespec now{};
     ::clock_gettime(CLOCK_MONOTONIC, &now);
     return static_cast<std::int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
 }
+
+namespace {
 
 // An open directory stream, closed when it goes out of scope.
 struct DirectoryCloser {
@@ -46,6 +46,12 @@ using Directory = std::unique_ptr<DIR, DirectoryCloser>;
 
 } // namespace
 
+void SystemFd::reset()
+{
+    if (fd_ >= 0)
+        ::close(fd_);
+    fd_ = -1;
+}
 
 LinuxPlatform::LinuxPlatform()
 {
@@ -76,7 +82,7 @@ LinuxPlatform::LinuxPlatform()
 LinuxPlatform::~LinuxPlatform()
 {
     // Threads still running here (no waitForStop) end with the process.
-    const std::lock_guard lock(threadsMutex_);
+    const MutexLocker lock(threadsMutex_);
     for (std::thread &thread : threads_)
         if (thread.joinable())
             thread.detach();
@@ -225,7 +231,7 @@ void LinuxPlatform::startThread(std::function<void()> entry)
     // started regardless.
     try {
         std::thread thread(std::move(entry));
-        const std::lock_guard lock(threadsMutex_);
+        const MutexLocker lock(threadsMutex_);
         threads_.push_back(std::move(thread));
     } catch (const std::system_error &) {
     }
@@ -259,7 +265,7 @@ void LinuxPlatform::joinThreads()
 {
     std::vector<std::thread> threads;
     {
-        const std::lock_guard lock(threadsMutex_);
+        const MutexLocker lock(threadsMutex_);
         threads.swap(threads_);
     }
     for (std::thread &thread : threads)
@@ -296,13 +302,12 @@ void LinuxPlatform::notifyServiceManager(std::string_view state)
         address.sun_path[0] = '\0';
     const auto length =
         static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + notifySocket_.size());
-    const int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0)
+    const SystemFd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (!socket.isValid())
         return;
     // Never blocks the watchdog's thread on a full queue.
-    (void)::sendto(fd, state.data(), state.size(), MSG_NOSIGNAL | MSG_DONTWAIT,
+    (void)::sendto(socket.get(), state.data(), state.size(), MSG_NOSIGNAL | MSG_DONTWAIT,
                    reinterpret_cast<const sockaddr *>(&address), length);
-    ::close(fd);
 }
 
 std::optional<std::chrono::microseconds> LinuxPlatform::watchdogInterval()

@@ -17,6 +17,49 @@
 
 namespace zarvent {
 
+// CLOCK_MONOTONIC in nanoseconds.
+std::int64_t monotonicClockNs();
+
+// Owner of one descriptor the Linux seam opened itself (pipe ends, sockets):
+// closed once, with close(2).
+class SystemFd {
+  public:
+    SystemFd() = default;
+    explicit SystemFd(int fd) : fd_(fd) {}
+    SystemFd(SystemFd &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+    SystemFd &operator=(SystemFd &&other) noexcept
+    {
+        if (this != &other) {
+            reset();
+            fd_ = std::exchange(other.fd_, -1);
+        }
+        return *this;
+    }
+    SystemFd(const SystemFd &) = delete;
+    SystemFd &operator=(const SystemFd &) = delete;
+    ~SystemFd()
+    {
+        reset();
+    }
+
+    int get() const
+    {
+        return fd_;
+    }
+    bool isValid() const
+    {
+        return fd_ >= 0;
+    }
+    void reset();
+    [[nodiscard]] int release()
+    {
+        return std::exchange(fd_, -1);
+    }
+
+  private:
+    int fd_ = -1;
+};
+
 class LinuxPlatform final : public Platform {
   public:
     // Blocks SIGTERM and SIGINT in the calling thread, so that every thread
@@ -67,23 +110,25 @@ class LinuxPlatform final : public Platform {
         return stopAtNs_.load();
     }
     // A killed command that could not be reaped yet: reaped at a later start.
-    void adoptUnreaped(pid_t pid, const std::string &program);
+    void adoptUnreaped(pid_t pid, const std::string &program) EXCLUDES(unreapedMutex_);
 
   private:
     // Reaps what it can; true when a killed command of program is still there.
-    bool hasUnreaped(const std::string &program);
+    bool hasUnreaped(const std::string &program) EXCLUDES(unreapedMutex_);
 
     sigset_t stopSignals_;
     std::atomic<bool> stop_{false};
-    std::mutex stopMutex_; // with stopWake_: the pauses that end at a stop
+    // Guards no data (stop_ is atomic): taken around the store of stop_ and
+    // by the pauses that wait on stopWake_, so that no pause misses the wake.
+    std::mutex stopMutex_;
     std::condition_variable stopWake_;
     std::atomic<std::int64_t> stopAtNs_{0};
     std::string notifySocket_;
     std::optional<std::chrono::microseconds> watchdog_;
-    std::mutex unreapedMutex_;
-    std::vector<std::pair<pid_t, std::string>> unreaped_;
-    std::mutex threadsMutex_;
-    std::vector<std::thread> threads_;
+    Mutex unreapedMutex_;
+    std::vector<std::pair<pid_t, std::string>> unreaped_ GUARDED_BY(unreapedMutex_);
+    Mutex threadsMutex_;
+    std::vector<std::thread> threads_ GUARDED_BY(threadsMutex_);
 };
 
 } // namespace zarvent

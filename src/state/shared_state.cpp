@@ -14,18 +14,19 @@ std::string cString(std::string_view text)
 
 } // namespace
 
-std::string cutReferenceName(std::string_view name)
+const char *referenceName(Reference reference)
 {
-    return cString(name.substr(0, kReferenceNameLength));
-}
-
-std::int32_t offsetAsShown(std::int32_t offsetNs)
-{
-    std::string text = std::to_string(offsetNs);
-    if (text.size() <= kOffsetTextLength)
-        return offsetNs;
-    text.resize(kOffsetTextLength);
-    return static_cast<std::int32_t>(std::stol(text));
+    switch (reference) {
+    case Reference::NotYetAsked:
+        return "";
+    case Reference::SystemPeer:
+        return "GPS+GLONASS";
+    case Reference::PpsPeer:
+        return "GPS+GLONASS 1PPS";
+    case Reference::None:
+        return "NULL";
+    }
+    return "";
 }
 
 DateTime splitDateTime(std::string_view text)
@@ -36,41 +37,10 @@ DateTime splitDateTime(std::string_view text)
     return {piece(0, 11), piece(12, 8)};
 }
 
-void SharedState::setReference(std::string_view name)
-{
-    std::string cut = cutReferenceName(name);
-    MutexLocker locker(lock_);
-    reference_ = std::move(cut);
-}
-
-std::string SharedState::reference() const
-{
-    MutexLocker locker(lock_);
-    return reference_;
-}
-
-void SharedState::setNow(std::string_view dateTime, std::string_view stamp)
-{
-    MutexLocker locker(lock_);
-    now_ = dateTime;
-    stamp_ = stamp;
-}
-
-void SharedState::setEvent(std::string_view dateTime, std::string_view stamp)
+void SharedState::setEvent(std::string_view dateTime)
 {
     MutexLocker locker(lock_);
     event_ = dateTime;
-    stamp_ = stamp;
-}
-
-DateTime SharedState::now() const
-{
-    std::string copy;
-    {
-        MutexLocker locker(lock_);
-        copy = now_;
-    }
-    return splitDateTime(copy);
 }
 
 DateTime SharedState::event() const
@@ -81,12 +51,6 @@ DateTime SharedState::event() const
         copy = event_;
     }
     return splitDateTime(copy);
-}
-
-std::string SharedState::stamp() const
-{
-    MutexLocker locker(lock_);
-    return stamp_;
 }
 
 void SharedState::setCycleTime(const std::tm &local)

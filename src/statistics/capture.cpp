@@ -73,18 +73,21 @@ void StatCapture::abortOnDevice(std::string_view message)
     std::abort(); // not reached: abortProcess does not return
 }
 
-std::string StatCapture::counterLowByte(int reg)
+namespace {
+
+// One number from column 6: the counter's low byte. A read that failed is
+// written as 0.
+std::string lowByteLine(const std::optional<std::uint64_t> &value)
 {
-    // One number from column 6: the counter's low byte. A read that failed
-    // is written as 0.
-    const auto value = registers_.readCounter(reg);
     return std::to_string(value ? (*value & 0xFF) : 0) + "\n";
 }
+
+} // namespace
 
 void StatCapture::capture()
 {
     // On every call; a read of register 48 that failed is not written back.
-    if (const auto control = registers_.readByte(fpga::kCaptureRegister))
+    if (const auto control = registers_.readCaptureControl())
         registers_.write(fpga::kSyncRegister, *control | fpga::kCaptureStartBit, PipeMode::Read);
 
     const std::uint8_t old = calls_;
@@ -128,9 +131,9 @@ void StatCapture::capture()
     device.reset();
     calls_ = 0;
     if (stat.isOpen()) {
-        stat.write(counterLowByte(fpga::kResponseCounter));
-        stat.write(counterLowByte(fpga::kRequestCounter));
-        stat.close();
+        stat.write(lowByteLine(registers_.readResponses()));
+        stat.write(lowByteLine(registers_.readRequests()));
+        (void)stat.close(); // the previous tables stay when the new ones do not fit
     }
     runner_.run("rm /ftpdir/lock", PipeMode::Read);
 }

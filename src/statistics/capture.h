@@ -27,27 +27,19 @@ class StatCapture {
         : platform_(platform), runner_(runner), registers_(registers)
     {}
 
-    // Register 48 into register 1 with bit 2 set on every call; the exchange
-    // and the stat file on every second call.
+    // The capture control into register 1 with the start bit set on every
+    // call; the exchange and the stat file on every second call.
     void capture();
-
-    // Calls since the last exchange: the exchange comes at the call that
-    // finds 1.
-    std::uint8_t phase() const
-    {
-        return calls_;
-    }
 
   private:
     // The device failed: its message and the system's reason on standard
     // error, then the end of the daemon.
     [[noreturn]] void abortOnDevice(std::string_view message);
-    std::string counterLowByte(int reg);
 
     Platform &platform_;
     Runner &runner_;
     Registers &registers_;
-    std::uint8_t calls_ = 0;
+    std::uint8_t calls_ = 0; // since the last exchange: it comes at the call that finds 1
     std::uint8_t bitsPerWord_ = 8;
     std::uint8_t mode_ = 1; // SPI mode 1: clock idle low, data sampled on the trailing edge
     // The frames are part of the capture: no allocation that could fail.

@@ -5,7 +5,7 @@
 #include "hardware/registers.h"
 #include "platform/files.h"
 #include "platform/platform.h"
-#include "state/shared_state.h"
+#include "state/cycle_time.h"
 #include "statistics/capture.h"
 
 namespace zarvent {
@@ -73,29 +73,27 @@ bool PacketCounters::statisticsFlag()
     return (parseDecimal(*text).value_or(0) & 0xFF) != 0;
 }
 
-std::uint64_t PacketCounters::reading(int reg)
+namespace {
+
+// 65535 is the FPGA's "no reading"; a read that failed is no reading either,
+// so no slot, average or sum takes a value that did not come from the FPGA.
+std::uint64_t countOf(const std::optional<std::uint64_t> &value)
 {
-    // 65535 is the FPGA's "no reading"; a read that failed is no reading
-    // either, so no slot, average or sum takes a value that did not come from
-    // the FPGA.
-    const auto value = registers_.readCounter(reg);
     if (!value || *value == kNoReading)
         return 0;
     return *value;
 }
 
-void PacketCounters::readCounters(std::int64_t cycleSecond)
+} // namespace
+
+void PacketCounters::readCounters(const CycleTime &time)
 {
-    const bool flag = statisticsFlag();
-    if (const auto local = platform_.localTime(cycleSecond))
-        shared_.setCycleTime(*local);
-    const std::tm t = shared_.cycleTime();
-    if (flag)
+    if (statisticsFlag())
         capture_.capture();
-    const std::uint64_t responses = reading(fpga::kResponseCounter);
-    history_.responses.add(responses, t);
-    const std::uint64_t requests = reading(fpga::kRequestCounter);
-    history_.requests.add(requests, t);
+    const std::uint64_t responses = countOf(registers_.readResponses());
+    history_.responses.add(responses, time.local);
+    const std::uint64_t requests = countOf(registers_.readRequests());
+    history_.requests.add(requests, time.local);
     responsesTotal_ += responses;
     requestsTotal_ += requests;
 }

@@ -11,8 +11,8 @@ namespace zarvent {
 
 class Platform;
 class Registers;
-class SharedState;
 class StatCapture;
+struct CycleTime;
 
 // One counter's history: the readings of the last 60 seconds, the totals of
 // the minutes of the day, of the hours of the day and of the days of the
@@ -40,15 +40,13 @@ struct PacketHistory {
 
 class PacketCounters {
   public:
-    PacketCounters(Platform &platform, Registers &registers, SharedState &shared,
-                   StatCapture &capture)
-        : platform_(platform), registers_(registers), shared_(shared), capture_(capture)
+    PacketCounters(Platform &platform, Registers &registers, StatCapture &capture)
+        : platform_(platform), registers_(registers), capture_(capture)
     {}
 
-    // The first step of every cycle: the statistics flag, the local time of
-    // the cycle's second, the SPI capture when the flag is on, the two
-    // counters.
-    void readCounters(std::int64_t cycleSecond);
+    // The first step of every cycle: the statistics flag, the SPI capture
+    // when it is on, the two counters into the slots of the cycle's time.
+    void readCounters(const CycleTime &time);
 
     const PacketHistory &history() const
     {
@@ -67,11 +65,9 @@ class PacketCounters {
 
   private:
     bool statisticsFlag();
-    std::uint64_t reading(int reg);
 
     Platform &platform_;
     Registers &registers_;
-    SharedState &shared_;
     StatCapture &capture_;
     PacketHistory history_;
     std::uint64_t requestsTotal_ = 0;

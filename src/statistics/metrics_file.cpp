@@ -8,15 +8,6 @@
 
 namespace zarvent {
 
-ReferenceState referenceState(const std::string &name)
-{
-    if (name == "GPS+GLONASS")
-        return ReferenceState::SystemPeer;
-    if (name == "GPS+GLONASS 1PPS")
-        return ReferenceState::PpsPeer;
-    return ReferenceState::None;
-}
-
 namespace {
 
 class Exposition {
@@ -80,11 +71,13 @@ std::string formatMetrics(const MetricsSnapshot &m)
           "Valid receiver cycles in a row toward qualification (60 qualify).",
           number(m.validCycles));
     e.family("zarvent_reference", "gauge", "1 for the reference ntpd follows, 0 for the others.");
+    // Before the supervision loop has asked, no reference is known to be
+    // followed: "none" until the first pass says otherwise.
     e.sample("zarvent_reference", "state=\"system_peer\"",
-             flag(m.reference == ReferenceState::SystemPeer));
-    e.sample("zarvent_reference", "state=\"pps_peer\"",
-             flag(m.reference == ReferenceState::PpsPeer));
-    e.sample("zarvent_reference", "state=\"none\"", flag(m.reference == ReferenceState::None));
+             flag(m.reference == Reference::SystemPeer));
+    e.sample("zarvent_reference", "state=\"pps_peer\"", flag(m.reference == Reference::PpsPeer));
+    e.sample("zarvent_reference", "state=\"none\"",
+             flag(m.reference == Reference::None || m.reference == Reference::NotYetAsked));
     e.one("zarvent_alarm", "gauge", "1 while the alarm is on.", flag(m.alarm));
     e.family("zarvent_antenna", "gauge", "1 for the antenna's state, 0 for the others.");
     // Bit 1 is line 87 (0: a short, whether or not the feed on line 85 is

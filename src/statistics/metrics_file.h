@@ -10,6 +10,7 @@
 #include <string>
 
 #include "hardware/runner.h"
+#include "state/shared_state.h"
 
 namespace zarvent {
 
@@ -20,10 +21,6 @@ constexpr const char *kDirectory = "/ramcache/zarvent/metrics";
 constexpr const char *kFile = "/ramcache/zarvent/metrics/zarvent.prom";
 } // namespace metrics
 
-// The reference ntpd follows, as the supervision loop names it.
-enum class ReferenceState { SystemPeer, PpsPeer, None };
-ReferenceState referenceState(const std::string &name);
-
 struct MetricsSnapshot {
     // Offsets in nanoseconds, as the page shows them.
     long offsetNs = 0;
@@ -32,7 +29,7 @@ struct MetricsSnapshot {
     unsigned dacCode = 0;
     bool steering = false;
     std::uint32_t validCycles = 0; // the receiver's valid cycles in a row
-    ReferenceState reference = ReferenceState::None;
+    Reference reference = Reference::NotYetAsked;
     bool alarm = false;
     // The monitor's code: line 85 (feed on) in bit 2, 87 (no short) in bit 1,
     // 86 (current flows) in bit 0; 7 is a good antenna.

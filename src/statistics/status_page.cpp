@@ -68,8 +68,10 @@ bool StatusPage::emulationOn()
     return text && parseDecimal(*text).value_or(0) == 1;
 }
 
-void StatusPage::write(std::int32_t offsetNs)
+void StatusPage::write(const PageInput &in, const PacketHistory &packets)
 {
+    if (in.blockJitterNs)
+        jitterNs_ = *in.blockJitterNs;
     // A lock that cannot be created (RAM disk missing) does not stop the
     // page: the page has its own failure path.
     touchFile(platform_, kLock);
@@ -81,23 +83,18 @@ void StatusPage::write(std::int32_t offsetNs)
         return; // the lock stays until a later cycle removes it
     }
 
-    const DateTime now = shared_.now();
     page.write("<b>UTC</b>");
-    page.write(formatText("\t\t<b>Date:</b>\t%s\n\t\t<b>Time:</b>\t%s\n", now.date.c_str(),
-                          now.time.c_str()));
+    page.write(formatText("\t\t<b>Date:</b>\t%s\n\t\t<b>Time:</b>\t%s\n", in.now.date.c_str(),
+                          in.now.time.c_str()));
 
-    const long x = offsetAsShown(offsetNs);
+    const long x = in.offsetNs;
     std::int32_t mean = 0;
-    std::int32_t jitter = shared_.jitterNs;
-    if (shared_.steering) {
-        filter_.run(x, mean, jitter);
-        shared_.jitterNs = jitter;
-    }
-    const std::string reference = shared_.reference();
+    if (in.steering)
+        filter_.run(x, mean, jitterNs_);
     page.write(formatText("<b>Current Offset [ns]:</b>\t%ld\n<b>Mean Offset [ns]:</b>\t%ld\n"
                           "<b>Jitter [ns]:</b>\t\t%ld\n<b>Reference time:</b>    %s\n",
-                          x, static_cast<long>(mean), static_cast<long>(jitter),
-                          reference.c_str()));
+                          x, static_cast<long>(mean), static_cast<long>(jitterNs_),
+                          referenceName(shared_.reference)));
 
     page.write(shared_.alarm ? "<b>Alarm at:</b> " : "<b>Uptime from:</b> ");
     const DateTime event = shared_.event();
@@ -105,9 +102,9 @@ void StatusPage::write(std::int32_t offsetNs)
                           event.time.c_str()));
 
     page.write("\n<b>PTP Packets:\t\tLast\tAverage</b>\n");
-    const std::tm t = shared_.cycleTime();
-    const CounterHistory &req = packets_.requests;
-    const CounterHistory &resp = packets_.responses;
+    const std::tm &t = in.time.local;
+    const CounterHistory &req = packets.requests;
+    const CounterHistory &resp = packets.responses;
     const auto slot = [](int i) { return static_cast<std::size_t>(i); };
     const int s = t.tm_sec > 59 ? 59 : t.tm_sec;
     const int previous = s == 0 ? 59 : s - 1;
@@ -131,11 +128,12 @@ void StatusPage::write(std::int32_t offsetNs)
     page.write(formatText("\n<b>Antenna:</b> %s\n", antennaText(shared_.antennaCode)));
     const bool emulation = emulationOn();
     page.write(emulation ? "<b>GPS Emulation:</b>\tOn\n" : "<b>GPS Emulation:</b>\tOff\n");
-    shown_ = {x, static_cast<long>(mean), static_cast<long>(jitter), emulation};
+    shown_ = {x, static_cast<long>(mean), static_cast<long>(jitterNs_), emulation};
 
-    const DateTime end = shared_.now();
-    page.write(formatText("%s\n%s\n", end.date.c_str(), end.time.c_str()));
-    page.close();
+    page.write(formatText("%s\n%s\n", in.now.date.c_str(), in.now.time.c_str()));
+    // A page that could not be written whole leaves the old one for the web
+    // interface; the next cycle writes it anew.
+    (void)page.close();
     runner_.run(std::string("rm ") + kLock, PipeMode::Read);
 }
 

@@ -6,13 +6,16 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
+
+#include "state/cycle_time.h"
+#include "state/shared_state.h"
 
 namespace zarvent {
 
 class Platform;
 class Runner;
-class SharedState;
 struct PacketHistory;
 
 // The offset filter: a first-order low pass (bilinear transform, cut-off at
@@ -29,20 +32,27 @@ struct OffsetFilter {
 // 7 "Ok", anything else six blanks.
 const char *antennaText(unsigned code);
 
+// What one cycle puts on the page besides what the supervision thread shares.
+struct PageInput {
+    CycleTime time;
+    DateTime now; // the cycle's latest ntptime reading
+    // This cycle's offset as the page shows it: its decimal text cut at 8
+    // characters.
+    std::int32_t offsetNs = 0;
+    // The peak-to-peak offset of the block of cycles the offset readout ended
+    // in this cycle, if it ended one.
+    std::optional<std::int32_t> blockJitterNs;
+    bool steering = false;
+};
+
 class StatusPage {
   public:
-    StatusPage(Platform &platform, Runner &runner, SharedState &shared,
-               const PacketHistory &packets)
-        : platform_(platform), runner_(runner), shared_(shared), packets_(packets)
+    StatusPage(Platform &platform, Runner &runner, const SharedState &shared)
+        : platform_(platform), runner_(runner), shared_(shared)
     {}
 
-    // Writes the page for this cycle's offset.
-    void write(std::int32_t offsetNs);
-
-    const OffsetFilter &filter() const
-    {
-        return filter_;
-    }
+    // Writes the page for this cycle.
+    void write(const PageInput &in, const PacketHistory &packets);
 
     // What the last page showed, in nanoseconds, and the emulation flag.
     struct Shown {
@@ -61,9 +71,11 @@ class StatusPage {
 
     Platform &platform_;
     Runner &runner_;
-    SharedState &shared_;
-    const PacketHistory &packets_;
+    const SharedState &shared_;
     OffsetFilter filter_;
+    // The jitter the page shows: the offset readout's block peak-to-peak,
+    // replaced by the filter's jitter in every steered cycle.
+    std::int32_t jitterNs_ = 0;
     Shown shown_;
 };
 

@@ -14,7 +14,7 @@ void AlarmLogic::captureEventTime()
     // ntptime fails or prints something else, both times stay as they are;
     // the state changes all the same.
     if (const auto reading = readNtptime(runner_))
-        shared_.setEvent(reading->dateTime, reading->stamp);
+        shared_.setEvent(reading->dateTime);
 }
 
 void AlarmLogic::check()

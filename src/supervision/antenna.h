@@ -20,10 +20,6 @@ class AntennaMonitor {
 
     // One pass's look at the antenna lines.
     void check();
-    bool heldOff() const
-    {
-        return heldOff_;
-    }
 
   private:
     Platform &platform_;

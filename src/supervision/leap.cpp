@@ -33,6 +33,8 @@ std::int32_t readTaiOffset(Platform &platform, Runner &runner)
     if (!list)
         return -1;
     {
+        // A scratch file that cannot be written whole (a full disk) gives
+        // no offset: a part of the list could name an older one.
         OutputFile temp(platform, "temp", OutputFile::Mode::Replace);
         if (!temp.isOpen())
             return -1;
@@ -50,6 +52,8 @@ std::int32_t readTaiOffset(Platform &platform, Runner &runner)
             if (buffer.empty() || buffer[0] != '#')
                 temp.write(std::string_view(buffer.c_str(), std::strlen(buffer.c_str())));
         }
+        if (!temp.close())
+            return -1;
     }
     UniqueFd again(platform, platform.open("temp", O_RDONLY));
     if (!again.isValid())

@@ -7,10 +7,6 @@
 #include "ntp/ntp_queries.h"
 #include "platform/files.h"
 #include "platform/platform.h"
-#include "state/shared_state.h"
-#include "supervision/alarm.h"
-#include "supervision/antenna.h"
-#include "supervision/factory.h"
 #include "supervision/leap.h"
 
 namespace zarvent {
@@ -33,7 +29,7 @@ void SupervisionLoop::setup()
     shared_.taiOffset = readTaiOffset(platform_, runner_);
 }
 
-void SupervisionLoop::logReference(const std::string &name)
+void SupervisionLoop::logReference(Reference reference)
 {
     // The stamp is the time of the latest cycle. An error log that cannot be
     // opened loses the line; the loop goes on.
@@ -46,35 +42,31 @@ void SupervisionLoop::logReference(const std::string &name)
         return;
     log.write(formatText("%02d.%02d %02d:%02d:%02d ", t.tm_mday, t.tm_mon + 1, t.tm_hour, t.tm_min,
                          t.tm_sec));
-    log.write("Reference time: " + name + "\n");
+    log.write(std::string("Reference time: ") + referenceName(reference) + "\n");
     if (log.close())
         shared_.errorLogLines.fetch_add(1, std::memory_order_relaxed);
 }
 
 bool SupervisionLoop::followReference()
 {
-    const char *name;
-    bool followed = true;
+    Reference current = Reference::None;
     if (gpsIsSystemPeer(runner_)) {
         gpio_.echoLevel(pin::kReferenceA, 1);
         gpio_.echoLevel(pin::kReferenceB, 1);
-        name = "GPS+GLONASS";
+        current = Reference::SystemPeer;
     } else if (gpsIsPpsPeer(runner_)) {
         gpio_.echoLevel(pin::kReferenceA, 0);
         gpio_.echoLevel(pin::kReferenceB, 1);
-        name = "GPS+GLONASS 1PPS";
+        current = Reference::PpsPeer;
     } else {
         gpio_.echoLevel(pin::kReferenceA, 1);
         gpio_.echoLevel(pin::kReferenceB, 0);
-        name = "NULL";
-        followed = false;
     }
-    const std::string current = cutReferenceName(name);
-    shared_.setReference(current);
+    shared_.reference = current;
     if (current != previousReference_)
         logReference(current);
     previousReference_ = current;
-    return followed;
+    return current != Reference::None;
 }
 
 void SupervisionLoop::pass()

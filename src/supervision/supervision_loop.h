@@ -8,7 +8,11 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <string>
+
+#include "state/shared_state.h"
+#include "supervision/alarm.h"
+#include "supervision/antenna.h"
+#include "supervision/factory.h"
 
 namespace zarvent {
 
@@ -16,10 +20,6 @@ class Platform;
 class Runner;
 class Gpio;
 class Registers;
-class SharedState;
-class AlarmLogic;
-class AntennaMonitor;
-class FactoryDefault;
 
 // The error log for reference changes; it is bounded: past kLimit bytes it
 // becomes errorlog.log.1 (replacing the one before) and a new log begins, so
@@ -33,10 +33,10 @@ inline constexpr std::int64_t kLimit = std::int64_t{64} * 1024;
 class SupervisionLoop {
   public:
     SupervisionLoop(Platform &platform, Runner &runner, Gpio &gpio, Registers &registers,
-                    SharedState &shared, AlarmLogic &alarm, AntennaMonitor &antenna,
-                    FactoryDefault &factory)
+                    SharedState &shared)
         : platform_(platform), runner_(runner), gpio_(gpio), registers_(registers),
-          shared_(shared), alarm_(alarm), antenna_(antenna), factory_(factory)
+          shared_(shared), alarm_(runner, gpio, registers, shared),
+          antenna_(platform, gpio, shared), factory_(platform, runner, gpio)
     {}
 
     // Exports and configures the indicator, test, button and antenna lines,
@@ -62,18 +62,19 @@ class SupervisionLoop {
 
   private:
     bool followReference();
-    void logReference(const std::string &name);
+    void logReference(Reference reference);
 
     Platform &platform_;
     Runner &runner_;
     Gpio &gpio_;
     Registers &registers_;
     SharedState &shared_;
-    AlarmLogic &alarm_;
-    AntennaMonitor &antenna_;
-    FactoryDefault &factory_;
-    // The reference's name at the previous pass: a change is logged.
-    std::string previousReference_;
+    // Its checks, in the order of a pass.
+    AlarmLogic alarm_;
+    AntennaMonitor antenna_;
+    FactoryDefault factory_;
+    // The reference at the previous pass: a change is logged.
+    Reference previousReference_ = Reference::NotYetAsked;
     std::atomic<std::uint64_t> progress_{0};
 };
 

@@ -141,7 +141,7 @@ Seen runFault(const Fault &fault, std::string &error)
                 phase->cycles += c.line == "./spiWrite -m 0 -l 6 -d 4 14 0 0 0 0";
                 phase->passes += c.line == "ntpq -p | grep '*G'";
             }
-            phase->steered += view.daemon.parts().shared.steering ? 1 : 0;
+            phase->steered += view.daemon.steeringEnabled() ? 1 : 0;
             phase->handoversOk += stats.handoversAccepted - previous.handoversAccepted;
             phase->handoversBad += stats.handoversRejected - previous.handoversRejected;
             phase->dacWords += stats.dacWords - previous.dacWords;

@@ -1,5 +1,6 @@
-// A fresh virtual board and the daemon's parts, wired as the daemon wires
-// them, for each test.
+// A fresh virtual board and the daemon's view of it (runner, lines,
+// registers, DAC, shared state), wired as the daemon wires them, for each
+// test; a test builds the step or loop it tests on top.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -8,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "daemon/parts.h"
+#include "daemon/board.h"
 #include "virtual_board.h"
 
 namespace zarvent::test {
@@ -56,11 +57,12 @@ class BoardTest : public ::testing::Test {
     }
 
     sim::VirtualBoard board{kStart};
-    Parts parts{board};
-    Runner &runner = parts.runner;
-    Gpio &gpio = parts.gpio;
-    Registers &registers = parts.registers;
-    SharedState &shared = parts.shared;
+    Board wiring{board};
+    Runner &runner = wiring.runner;
+    Gpio &gpio = wiring.gpio;
+    Registers &registers = wiring.registers;
+    Dac &dac = wiring.dac;
+    SharedState &shared = wiring.shared;
 };
 
 } // namespace zarvent::test
