@@ -3,16 +3,16 @@
 # seconds per wall second for a scenario (default: one board hour of normal
 # operation). Figures only; nothing is asserted.
 #   sim/bench.sh [SCENARIO_FILE] [BOARD_SECONDS] [SIMULATOR]
-# Without SIMULATOR it builds a release simulator in build-bench first.
+# Without SIMULATOR it builds a release simulator (the release preset) first.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scenario=${1:-sim/scenarios/normal.scn}
 seconds=${2:-3600}
 sim=${3:-}
 if [ -z "$sim" ]; then
-    cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DZARVENT_TESTS=OFF >/dev/null
-    cmake --build build-bench -j "$(nproc)" --target zarvent-sim >/dev/null
-    sim=build-bench/sim/zarvent-sim
+    cmake --preset release >/dev/null
+    cmake --build --preset release -j "$(nproc)" --target zarvent-sim >/dev/null
+    sim=build-release/sim/zarvent-sim
 fi
 out=$(mktemp -d)
 trap 'rm -rf "$out"' EXIT

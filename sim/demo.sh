@@ -41,8 +41,8 @@ if ! command -v cmake >/dev/null || ! command -v g++ >/dev/null || ! command -v 
         exit 1
     fi
 fi
-cmake -S . -B build-demo -DCMAKE_BUILD_TYPE=Release -DZARVENT_TESTS=OFF >/dev/null
-cmake --build build-demo -j "$(nproc)" --target zarvent-sim >/dev/null
+cmake --preset release >/dev/null
+cmake --build --preset release -j "$(nproc)" --target zarvent-sim >/dev/null
 
 rm -rf "$out"
 mkdir -p "$out"
@@ -50,4 +50,4 @@ args=(--scenario "$file" --out "$out" --show)
 if [ "$pace" = fast ]; then args+=(--pace fast); else args+=(--pace "$pace"); fi
 [ -n "$duration" ] && args+=(--duration "$duration")
 [ -n "$report" ] && args+=(--report "$report")
-exec build-demo/sim/zarvent-sim "${args[@]}"
+exec build-release/sim/zarvent-sim "${args[@]}"

@@ -37,8 +37,8 @@ if [ ${#missing[@]} -gt 0 ]; then
         exit 1
     fi
 fi
-cmake -S . -B build-demo -DCMAKE_BUILD_TYPE=Release -DZARVENT_TESTS=OFF >/dev/null
-cmake --build build-demo -j "$(nproc)" --target zarvent-sim >/dev/null
+cmake --preset release >/dev/null
+cmake --build --preset release -j "$(nproc)" --target zarvent-sim >/dev/null
 
 run=$(mktemp -d "${TMPDIR:-/tmp}/zarvent-fleet-XXXXXX")
 pids=()
@@ -67,7 +67,7 @@ for i in $(seq "$boards"); do
         [ "$i" = 2 ] && echo "at 300 gpio 87 0"
         [ "$i" = 3 ] && printf 'at 300 rmc V\nat 305 peer none\n'
     } > "$dir/board.scn"
-    build-demo/sim/zarvent-sim --scenario "$dir/board.scn" --out "$dir/sim" --pace "$PACE" \
+    build-release/sim/zarvent-sim --scenario "$dir/board.scn" --out "$dir/sim" --pace "$PACE" \
         > "$dir/sim.log" 2>&1 &
     pids+=($!)
     mkdir -p "$dir/sim/board/ramcache/zarvent/metrics"

@@ -105,10 +105,10 @@ int main(int argc, char **argv)
         return 1;
     }
     (void)std::printf("board files: %s/board   logs: %s/logs\n", options.outDir.c_str(),
-                options.outDir.c_str());
+                      options.outDir.c_str());
     if (!reportDir.empty())
         (void)std::printf("report: %s/report.html   data: %s/series.csv\n", reportDir.c_str(),
-                    reportDir.c_str());
+                          reportDir.c_str());
     if (result.daemonAborted) {
         (void)std::fprintf(stderr, "%s\n", result.error.c_str());
         return 1;

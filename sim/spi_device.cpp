@@ -69,8 +69,9 @@ int SpiDevice::ioctlLocked(unsigned long request, void *argument)
             r.pad = tr->pad;
             // The transfer descriptor carries the daemon's buffers as integers,
             // as the kernel's spidev interface defines them.
-            const auto *tx = reinterpret_cast<const std::uint8_t *>( // NOLINT(performance-no-int-to-ptr)
-                static_cast<std::uintptr_t>(tr->tx_buf));
+            const auto *tx =
+                reinterpret_cast<const std::uint8_t *>( // NOLINT(performance-no-int-to-ptr)
+                    static_cast<std::uintptr_t>(tr->tx_buf));
             auto *rx = reinterpret_cast<std::uint8_t *>( // NOLINT(performance-no-int-to-ptr)
                 static_cast<std::uintptr_t>(tr->rx_buf));
             r.txHead[0] = tx != nullptr && tr->len > 0 ? tx[0] : 0;

@@ -139,9 +139,10 @@ TEST_F(HandoverTest, WorkedExample)
     ASSERT_TRUE(reading);
     board.tools().clearCommands();
     const auto later = handover.handOver(*reading);
-    EXPECT_EQ(lines(), (std::vector<std::string>{
-                           kOpenOne, "/usr/bin/Zarvent/spiWrite -m 1 -l 8 -d 6 3 248 4 251 106 0 0\n",
-                           "ntptime", "/usr/bin/Zarvent/spiWrite -m 1 -l 3 -d 1 11 1\n"}));
+    EXPECT_EQ(lines(),
+              (std::vector<std::string>{
+                  kOpenOne, "/usr/bin/Zarvent/spiWrite -m 1 -l 8 -d 6 3 248 4 251 106 0 0\n",
+                  "ntptime", "/usr/bin/Zarvent/spiWrite -m 1 -l 3 -d 1 11 1\n"}));
     ASSERT_TRUE(later);
     EXPECT_EQ(later->dateTime, "Nov 16 2026 13:27:46.121");
     board.tools().clearCommands();
@@ -176,8 +177,9 @@ TEST_F(HandoverTest, TimeInAnotherFormIsNoReading)
     cycles(60);
     ASSERT_TRUE(cycle.steeringEnabled());
     // ntpsec's ISO line: neither the page nor a hand-over may take it.
-    board.tools().onCommand("ntptime", "ntp_gettime() returns code 0 (OK)\n"
-                               "  time eeade443.45e05000 2026-11-22T21:59:31.272Z, (.272954),\n");
+    board.tools().onCommand("ntptime",
+                            "ntp_gettime() returns code 0 (OK)\n"
+                            "  time eeade443.45e05000 2026-11-22T21:59:31.272Z, (.272954),\n");
     EXPECT_FALSE(readNtptime(runner));
     cycles(1);
     EXPECT_EQ(count(kOpenOne), 0u);

@@ -51,7 +51,8 @@ TEST_F(FpgaTest, LoadsOnceAndWaitsForTheAnswer)
     EXPECT_EQ(board.gpio().direction(13), "in");
     board.tools().onCommandOnce(write1, toolOutput("FF FF FF\n"));
     board.tools().onCommandOnce(write1, toolOutput("AA AA A5")); // no line end: no answer
-    board.tools().onCommandOnce("./spiWrite -m 0 -l 3 -d 1 2 0", toolOutput("ioctl: bad address\n"));
+    board.tools().onCommandOnce("./spiWrite -m 0 -l 3 -d 1 2 0",
+                                toolOutput("ioctl: bad address\n"));
     board.fpga().setConfigured(true);
     const std::int64_t before = board.clock().nowUs();
     fpga.loadUntilConfigured();
@@ -153,7 +154,8 @@ TEST(Threads, WatchdogIsFedOnlyWhileEveryThreadProgresses)
     ASSERT_EQ(longGaps.size(), 1u);
     EXPECT_GT(longGaps[0], 140'000'000);
     EXPECT_LT(longGaps[0], 170'000'000);
-    EXPECT_NE(board.process().errorOutput().find("the cycle thread has made no progress"), std::string::npos);
+    EXPECT_NE(board.process().errorOutput().find("the cycle thread has made no progress"),
+              std::string::npos);
 }
 
 } // namespace

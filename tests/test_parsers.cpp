@@ -87,7 +87,8 @@ TEST(Arithmetic, SteeringLawWorkedExample)
     EXPECT_EQ(dacCode(70000), 65535u);
     EXPECT_EQ(dacCode(-5), 0u);
     // A centre from the file moves the code by the change of the centre.
-    EXPECT_EQ(steeringLaw(40000, 100, 50, 1000).control - steeringLaw(32768, 100, 50, 1000).control, 7232);
+    EXPECT_EQ(steeringLaw(40000, 100, 50, 1000).control - steeringLaw(32768, 100, 50, 1000).control,
+              7232);
 }
 
 TEST(Arithmetic, OffsetFilterStartsFromZero)

@@ -138,7 +138,8 @@ TEST_F(StatisticsTest, DeviceFailureEndsTheDaemonWithThePreviousStatFile)
         c.capture();
         EXPECT_THROW(c.capture(), sim::SimulationEnded);
         EXPECT_TRUE(failing.process().aborted());
-        EXPECT_EQ(failing.process().errorOutput().rfind(message, 0), 0u) << failing.process().errorOutput();
+        EXPECT_EQ(failing.process().errorOutput().rfind(message, 0), 0u)
+            << failing.process().errorOutput();
         EXPECT_EQ(failing.files().readFile("/ftpdir/stat.txt"), "previous\n");
         EXPECT_TRUE(failing.files().exists("/ftpdir/lock"));
     }

@@ -1,5 +1,6 @@
-// The client-activity indicator on lines 70 and 71: a short flash of line 71
-// in every cycle in which the FPGA sent PTP responses (low byte of register 26).
+// The client-activity indicator (two lines, "off" and "on"): a short flash of
+// its "on" line in every cycle in which the FPGA sent PTP responses (the low
+// byte of the response counter).
 #pragma once
 
 namespace zarvent {
@@ -14,9 +15,10 @@ class ClientIndicator {
         : platform_(platform), gpio_(gpio), registers_(registers)
     {}
 
-    // Lines 70 and 71 off.
+    // Both lines off.
     void switchOff();
-    // Reads register 26 and flashes line 71 when its low byte is not zero.
+    // Reads the response counter and flashes the indicator when its low byte
+    // is not zero.
     void flashOnResponses();
 
   private:

@@ -13,14 +13,13 @@ namespace {
 constexpr unsigned kPollMicroseconds = 500;
 } // namespace
 
-CycleLoop::CycleLoop(Platform &platform, Runner &runner, Gpio &gpio, Registers &registers,
-                     Dac &dac, SharedState &shared)
+CycleLoop::CycleLoop(Platform &platform, Runner &runner, Gpio &gpio, Registers &registers, Dac &dac,
+                     SharedState &shared)
     : platform_(platform), runner_(runner), gpio_(gpio), dac_(dac), shared_(shared),
       capture_(platform, runner, registers), counters_(platform, registers, capture_),
       relay_(registers), client_(platform, gpio, registers), handover_(runner, registers, shared),
       offset_(registers), qualification_(runner, registers), page_(platform, runner, shared),
-      steering_(platform, registers, dac), pulse_(platform, pin::kPulse),
-      local_(shared.cycleTime())
+      steering_(platform, registers, dac), pulse_(platform, pin::kPulse), local_(shared.cycleTime())
 {}
 
 void CycleLoop::setup()

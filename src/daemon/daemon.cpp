@@ -145,8 +145,8 @@ void Daemon::superviseUntilStop()
     watch.watch(
         "FPGA", [this] { return fpga_.progress(); }, FpgaLoader::kProgressBound, now);
     watch.watch(
-        "supervision", [this] { return supervision_.progress(); },
-        SupervisionLoop::kProgressBound, now);
+        "supervision", [this] { return supervision_.progress(); }, SupervisionLoop::kProgressBound,
+        now);
     watch.watch(
         "cycle", [this] { return cycle_.progress(); }, CycleLoop::kProgressBound, now);
     bool fed = true;

@@ -24,7 +24,7 @@ class FpgaLoader {
         : platform_(platform), runner_(runner), gpio_(gpio), registers_(registers)
     {}
 
-    // Exports lines 182 and 13 as inputs.
+    // Exports the FPGA's check and spare lines as inputs.
     void setup();
     // Loads the FPGA if it has not answered yet; returns once it has.
     void loadUntilConfigured();

@@ -51,16 +51,16 @@ inline constexpr GpioPin kDacData{118};
 
 // The FPGA's registers as the register tool numbers them.
 namespace fpga {
-inline constexpr int kSyncRegister = 1;       // takes register 2's value with the sync bit
-inline constexpr int kControlRegister = 2;    // reference-valid and relay bits
-inline constexpr int kCountRegister = 3;      // the TAI seconds count, six bytes
-inline constexpr int kHandoverOpen = 10;      // a hand-over's number: opens it
-inline constexpr int kHandoverClose = 11;     // the same number: closes it
-inline constexpr int kPhaseRegister = 14;     // the pulse's phase in 10 ns ticks
-inline constexpr int kRequestCounter = 24;    // PTP requests of the last second
-inline constexpr int kResponseCounter = 26;   // PTP responses of the last second
-inline constexpr int kRelayEvents = 28;       // bits 0 and 1: relay events
-inline constexpr int kCaptureRegister = 48;   // the statistics capture's control
+inline constexpr int kSyncRegister = 1;     // takes register 2's value with the sync bit
+inline constexpr int kControlRegister = 2;  // reference-valid and relay bits
+inline constexpr int kCountRegister = 3;    // the TAI seconds count, six bytes
+inline constexpr int kHandoverOpen = 10;    // a hand-over's number: opens it
+inline constexpr int kHandoverClose = 11;   // the same number: closes it
+inline constexpr int kPhaseRegister = 14;   // the pulse's phase in 10 ns ticks
+inline constexpr int kRequestCounter = 24;  // PTP requests of the last second
+inline constexpr int kResponseCounter = 26; // PTP responses of the last second
+inline constexpr int kRelayEvents = 28;     // bits 0 and 1: relay events
+inline constexpr int kCaptureRegister = 48; // the statistics capture's control
 
 inline constexpr unsigned kReferenceValidBit = 1u; // register 2 bit 0
 inline constexpr unsigned kSyncBit = 1u;           // register 1 bit 0: steering
@@ -73,8 +73,8 @@ inline constexpr const char *kConfiguredAnswer = "AA AA A5";
 
 // The DAC word's commands (bits 23 to 20) and the values the daemon sends.
 namespace dac {
-inline constexpr unsigned kLoadCode = 3;      // the oscillator's control code
-inline constexpr unsigned kReference = 4;     // the reference set-up
+inline constexpr unsigned kLoadCode = 3;  // the oscillator's control code
+inline constexpr unsigned kReference = 4; // the reference set-up
 inline constexpr unsigned kReferenceValue = 2048;
 inline constexpr std::uint32_t kCentreCode = 32768; // mid-range, before a centre is known
 } // namespace dac

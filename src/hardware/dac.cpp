@@ -19,7 +19,7 @@ Dac::Dac(Platform &platform, Gpio &gpio)
 void Dac::configureLines()
 {
     for (const auto &[line, level] : {std::pair{pin::kDacClock, 0}, std::pair{pin::kDacSelect, 1},
-                                    std::pair{pin::kDacData, 0}}) {
+                                      std::pair{pin::kDacData, 0}}) {
         gpio_.exportPin(line);
         gpio_.setDirectionOut(line);
         gpio_.setLevel(line, level);

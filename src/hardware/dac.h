@@ -1,6 +1,6 @@
 // The DAC that pulls the reference oscillator, written as a 24-bit word shifted
-// out most significant bit first on three GPIO lines: 96 clock, 118 data,
-// 106 select (active low). Word: command in bits 23-20, value in bits 19-4.
+// out most significant bit first on three GPIO lines: clock, data and select
+// (active low). Word: command in bits 23-20, value in bits 19-4.
 //
 // Only the cycle thread uses the DAC, and it alone configures the three lines
 // (configureLines): no other thread can drive the select line low in the

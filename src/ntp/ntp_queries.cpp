@@ -18,7 +18,7 @@ ReceiverStatus readReceiverStatus(Runner &runner)
     if (!out.started)
         return ReceiverStatus::Unknown;
     return out.count >= 3 && rmcStatusValid(out.last) ? ReceiverStatus::Valid
-                                                       : ReceiverStatus::Invalid;
+                                                      : ReceiverStatus::Invalid;
 }
 
 bool gpsIsSystemPeer(Runner &runner)

@@ -90,8 +90,8 @@ void napNs(std::int64_t ns)
 // the one end dup2'd onto 0 or 1.
 class ShellCommand final : public Command {
   public:
-    ShellCommand(LinuxPlatform &platform, std::string program, pid_t pid, SystemFd fd,
-                 bool reading, std::int64_t deadlineNs)
+    ShellCommand(LinuxPlatform &platform, std::string program, pid_t pid, SystemFd fd, bool reading,
+                 std::int64_t deadlineNs)
         : platform_(platform), program_(std::move(program)), pid_(pid), fd_(std::move(fd)),
           reading_(reading), deadlineNs_(deadlineNs)
     {}

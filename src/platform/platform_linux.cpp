@@ -88,7 +88,6 @@ LinuxPlatform::~LinuxPlatform()
             thread.detach();
 }
 
-
 int LinuxPlatform::open(const std::string &path, int flags)
 {
     return ::open(path.c_str(), flags | O_CLOEXEC, 0666);

@@ -80,8 +80,9 @@ std::string formatMetrics(const MetricsSnapshot &m)
              flag(m.reference == Reference::None || m.reference == Reference::NotYetAsked));
     e.one("zarvent_alarm", "gauge", "1 while the alarm is on.", flag(m.alarm));
     e.family("zarvent_antenna", "gauge", "1 for the antenna's state, 0 for the others.");
-    // Bit 1 is line 87 (0: a short, whether or not the feed on line 85 is
-    // cut for it), bit 0 line 86 (0: no current, an open feed).
+    // Bit 1 is the short-detect line (0: a short, whether or not the feed is
+    // cut for it), bit 0 the current-detect line (0: no current, an open
+    // feed).
     const bool shorted = (m.antennaCode & 2u) == 0;
     const bool open = !shorted && (m.antennaCode & 1u) == 0;
     const bool ok = m.antennaCode == 7;

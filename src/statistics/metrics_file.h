@@ -31,8 +31,8 @@ struct MetricsSnapshot {
     std::uint32_t validCycles = 0; // the receiver's valid cycles in a row
     Reference reference = Reference::NotYetAsked;
     bool alarm = false;
-    // The monitor's code: line 85 (feed on) in bit 2, 87 (no short) in bit 1,
-    // 86 (current flows) in bit 0; 7 is a good antenna.
+    // The monitor's code: feed on in bit 2, no short in bit 1, current flows
+    // in bit 0; 7 is a good antenna.
     unsigned antennaCode = 0;
     bool gpsEmulation = false;
     std::uint64_t ptpRequests = 0;

@@ -1,6 +1,6 @@
 // The alarm: free of alarm while ntpd follows the GPS reference (as system or
-// PPS peer) and input line 176 reads 1, in alarm otherwise. Drives the alarm
-// indicators 76/77, keeps the alarm flag and the time of the last change for
+// PPS peer) and the board's alarm input reads 1, in alarm otherwise. Drives
+// the alarm indicator, keeps the alarm flag and the time of the last change for
 // the status page, and clears the reference-valid bit once per alarm.
 #pragma once
 
@@ -17,7 +17,7 @@ class AlarmLogic {
         : runner_(runner), gpio_(gpio), registers_(registers), shared_(shared)
     {}
 
-    // One pass's look at the reference and line 176.
+    // One pass's look at the reference and the alarm input.
     void check();
 
   private:

@@ -31,7 +31,7 @@ void AntennaMonitor::check()
     }
 
     if (gpio_.readLevelOrZero(pin::kAntennaShort) != 0)
-        return; // no short: the hold-off and line 85 stay as they are
+        return; // no short: the hold-off and the feed stay as they are
     gpio_.setLevel(pin::kAntennaFeed, 0);
     const std::int64_t seconds = platform_.realtimeNs() / 1'000'000'000;
     if (!heldOff_) {

@@ -1,7 +1,8 @@
-// The GPS antenna feed: lines 86 (bit 0, 0 "Off"), 87 (bit 1, 0 "Short") and
-// 85 (bit 2, the feed as driven) make the antenna code for the status page;
-// indicators 74/75 show it; a short switches the feed (line 85) off and on
-// again once it has lasted more than 4 seconds.
+// The GPS antenna feed: the current-detect line (bit 0, 0 "Off"), the
+// short-detect line (bit 1, 0 "Short") and the feed line as driven (bit 2)
+// make the antenna code for the status page; the antenna indicator shows it;
+// a short switches the feed off and on again once it has lasted more than 4
+// seconds.
 #pragma once
 
 #include <cstdint>
@@ -25,7 +26,7 @@ class AntennaMonitor {
     Platform &platform_;
     Gpio &gpio_;
     SharedState &shared_;
-    bool heldOff_ = false;       // line 85 is held off after a short
+    bool heldOff_ = false;       // the feed is held off after a short
     std::int64_t heldSince_ = 0; // when it was switched off, in whole seconds
 };
 

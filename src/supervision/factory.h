@@ -1,7 +1,7 @@
-// The factory-default button on line 88 (0: pressed): the factory network
+// The factory-default button (0: pressed): the factory network
 // address at once, and the factory copies of the NTP, resolver and network
 // configuration in place, each replaced file kept with ".bak" appended.
-// Line 78 is high meanwhile.
+// The factory-default indicator is on meanwhile.
 #pragma once
 
 namespace zarvent {

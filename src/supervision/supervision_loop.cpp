@@ -13,9 +13,9 @@ namespace zarvent {
 
 void SupervisionLoop::setup()
 {
-    for (const GpioPin line : {pin::kClientOff, pin::kClientOn, pin::kReferenceA, pin::kReferenceB,
-                              pin::kAntennaBad, pin::kAntennaGood, pin::kAlarmOn, pin::kAlarmOff,
-                              pin::kFactoryIndicator}) {
+    for (const GpioPin line :
+         {pin::kClientOff, pin::kClientOn, pin::kReferenceA, pin::kReferenceB, pin::kAntennaBad,
+          pin::kAntennaGood, pin::kAlarmOn, pin::kAlarmOff, pin::kFactoryIndicator}) {
         gpio_.exportPin(line);
         gpio_.setDirectionOut(line);
     }
@@ -24,7 +24,7 @@ void SupervisionLoop::setup()
         gpio_.exportPin(line);
         gpio_.setDirectionIn(line);
     }
-    // The DAC's lines 96, 106 and 118 are the cycle thread's: it configures
+    // The DAC's three lines are the cycle thread's: it configures
     // them itself before its first DAC word.
     shared_.taiOffset = readTaiOffset(platform_, runner_);
 }
@@ -80,13 +80,13 @@ void SupervisionLoop::pass()
     alarm_.check();
     antenna_.check();
     factory_.restoreOnPress();
-    // The indicator test, held while line 79 reads 0. A line that cannot be
+    // The indicator test, held while its input reads 0. A line that cannot be
     // read is not a test request: a board without it would hold this loop
     // for good.
     while (gpio_.readLevel(pin::kIndicatorTest) == 0 && !platform_.stopRequested()) {
-        for (const GpioPin line : {pin::kReferenceA, pin::kReferenceB, pin::kAntennaBad,
-                                  pin::kAntennaGood, pin::kAlarmOn, pin::kAlarmOff,
-                                  pin::kClientOff, pin::kClientOn})
+        for (const GpioPin line :
+             {pin::kReferenceA, pin::kReferenceB, pin::kAntennaBad, pin::kAntennaGood,
+              pin::kAlarmOn, pin::kAlarmOff, pin::kClientOff, pin::kClientOn})
             gpio_.echoLevel(line, 1);
         progress_.fetch_add(1, std::memory_order_relaxed);
     }

@@ -34,9 +34,9 @@ class SupervisionLoop {
   public:
     SupervisionLoop(Platform &platform, Runner &runner, Gpio &gpio, Registers &registers,
                     SharedState &shared)
-        : platform_(platform), runner_(runner), gpio_(gpio), registers_(registers),
-          shared_(shared), alarm_(runner, gpio, registers, shared),
-          antenna_(platform, gpio, shared), factory_(platform, runner, gpio)
+        : platform_(platform), runner_(runner), gpio_(gpio), registers_(registers), shared_(shared),
+          alarm_(runner, gpio, registers, shared), antenna_(platform, gpio, shared),
+          factory_(platform, runner, gpio)
     {}
 
     // Exports and configures the indicator, test, button and antenna lines,

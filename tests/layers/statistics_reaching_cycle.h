@@ -2,4 +2,4 @@
 // reaches into its sibling, the cycle.
 #pragma once
 #include "state/shared_state.h"
-#  include "cycle/steering.h"
+#include "cycle/steering.h"
