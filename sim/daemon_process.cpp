@@ -75,6 +75,13 @@ void DaemonProcess::requestStop(bool stop)
     stopRequestedAtUs_ = clock_.nowUsLocked();
 }
 
+void DaemonProcess::grantFinalGrace()
+{
+    const BoardLocker lock(mutex_);
+    if (stopRequested_)
+        stopRequestedAtUs_ = clock_.nowUsLocked();
+}
+
 void DaemonProcess::setWatchdogInterval(std::optional<std::chrono::microseconds> interval)
 {
     const BoardLocker lock(mutex_);

@@ -76,6 +76,8 @@ class DaemonProcess {
     bool stopRequested() const;
     bool waitForStopRequest(Deadline timeout);
     void joinThreads();
+    // The stop's grace starts again from now (the daemon's last commands).
+    void grantFinalGrace();
     void lock(Mutex &mutex) ACQUIRE(mutex);
     void writeError(std::string_view text);
     void notifyServiceManager(std::string_view state);

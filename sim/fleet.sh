@@ -76,9 +76,8 @@ for i in $(seq "$boards"); do
         --collector.textfile --collector.textfile.directory="$dir/sim/board/ramcache/zarvent/metrics" \
         > "$dir/exporter.log" 2>&1 &
     pids+=($!)
-    targets+="  - job_name: board$i
-    static_configs:
-      - targets: ['127.0.0.1:$port']
+    targets+="      - targets: ['127.0.0.1:$port']
+        labels: {board: board$i}
 "
 done
 
@@ -98,6 +97,8 @@ global:
 rule_files:
   - $run/rules.yml
 scrape_configs:
+  - job_name: zarvent
+    static_configs:
 $targets
 EOF
 prometheus --config.file="$run/prometheus.yml" --storage.tsdb.path="$run/tsdb" \
@@ -123,7 +124,7 @@ query() {
 }
 printf '%-8s %12s %9s %-12s %s\n' board "offset [ns]" steering reference "alerts firing"
 for i in $(seq "$boards"); do
-    job="job=\"board$i\""
+    job="board=\"board$i\""
     offset=$(query "round(zarvent_offset_seconds{$job} * 1e9)")
     steering=$(query "zarvent_steering{$job}")
     reference=-

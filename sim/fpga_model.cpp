@@ -146,6 +146,12 @@ void FpgaModel::setRegister(int reg, std::uint64_t value)
         registers_[static_cast<std::size_t>(reg)] = value;
 }
 
+std::uint64_t FpgaModel::registerValue(int reg) const
+{
+    const BoardLocker lock(mutex_);
+    return reg >= 0 && reg < 64 ? registers_[static_cast<std::size_t>(reg)] : 0;
+}
+
 void FpgaModel::setConfigured(bool configured)
 {
     const BoardLocker lock(mutex_);

@@ -26,6 +26,7 @@ class FpgaModel {
     FpgaModel(BoardMutex &mutex, BoardFiles &files);
 
     void setRegister(int reg, std::uint64_t value);
+    std::uint64_t registerValue(int reg) const;
     // A configured FPGA answers "AA AA A5" to writes; an unconfigured one "FF FF FF".
     void setConfigured(bool configured);
     void setRegisterToolFault(RegisterToolFault fault);

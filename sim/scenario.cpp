@@ -197,10 +197,19 @@ class Run {
                     options_.eachSecond(view);
                 if (options_.stop != nullptr && options_.stop->load())
                     break;
+                // Asked to stop (SIGTERM on the board): as the daemon's main
+                // thread, once it sees the request.
+                if (board_.stopRequested()) {
+                    daemon.finishStop();
+                    result.daemonStopped = true;
+                    break;
+                }
             }
         } catch (const SimulationEnded &) {
             // The daemon aborted on the run's own thread (during its start).
         }
+        if (options_.afterRun)
+            options_.afterRun(board_);
         result.daemonAborted = board_.process().aborted();
         if (result.daemonAborted)
             result.error = format("the daemon aborted at board time %lld.%06lld",

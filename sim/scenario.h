@@ -62,6 +62,8 @@ struct RunOptions {
     // Once the board is laid out and before the daemon starts.
     std::function<void(VirtualBoard &, BoardModel &)> beforeStart;
     const std::atomic<bool> *stop = nullptr; // ends the run at the next second
+    // Once the run has ended, before the board goes away.
+    std::function<void(VirtualBoard &)> afterRun;
     RunObserver *observer = nullptr;
 };
 
@@ -69,6 +71,7 @@ struct RunResult {
     bool ok = false;
     std::string error;
     bool daemonAborted = false;
+    bool daemonStopped = false; // asked to stop, it ended its threads
 };
 
 RunResult runScenario(const RunOptions &options);

@@ -44,6 +44,7 @@ class ModelledCommand final : public Command {
 
 // How long a slow program takes before it prints.
 constexpr std::int64_t kSlowUs = 3000000;
+constexpr std::int64_t kVerySlowUs = 10000000;
 
 } // namespace
 
@@ -80,7 +81,10 @@ std::unique_ptr<Command> ShellTools::startCommand(const std::string &line, PipeM
             fault = g->second;
         deadlineUs = process_.commandDeadlineLocked(deadlineUs);
     }
-    if (fault == ToolFault::Hang || (fault == ToolFault::Slow && kSlowUs >= deadlineUs)) {
+    const std::int64_t slowUs = fault == ToolFault::Slow       ? kSlowUs
+                                : fault == ToolFault::VerySlow ? kVerySlowUs
+                                                               : 0;
+    if (fault == ToolFault::Hang || (slowUs > 0 && slowUs >= deadlineUs)) {
         // Killed at its deadline with its group, before it did anything.
         {
             const BoardLocker lock(mutex_);
@@ -89,8 +93,8 @@ std::unique_ptr<Command> ShellTools::startCommand(const std::string &line, PipeM
         process_.passTime(deadlineUs);
         return std::make_unique<ModelledCommand>("", -1, true);
     }
-    if (fault == ToolFault::Slow)
-        process_.passTime(kSlowUs);
+    if (slowUs > 0)
+        process_.passTime(slowUs);
     const BoardLocker lock(mutex_);
     commands_.push_back({line, mode, clock_.nowUsLocked()});
     const std::size_t printedBefore = fpga_.printedMarkLocked();
@@ -106,8 +110,12 @@ std::unique_ptr<Command> ShellTools::startCommand(const std::string &line, PipeM
     } else {
         runLineLocked(line, output);
     }
-    const int status = misbehaveLocked(fault, program, output);
-    if (fault != ToolFault::None && fault != ToolFault::Slow && fault != ToolFault::ExitStatus)
+    int status = misbehaveLocked(fault, program, output);
+    // A pipeline ends with its last command's status: grep's is 1 when no
+    // line matched.
+    if (status == 0 && output.empty() && line.find("| grep ") != std::string::npos)
+        status = 1 << 8;
+    if (fault != ToolFault::None && slowUs == 0 && fault != ToolFault::ExitStatus)
         fpga_.forgetPrintedSinceLocked(printedBefore); // not what it printed
     // A command started for writing has its output on the daemon's own
     // standard output, not in the pipe.
@@ -179,6 +187,7 @@ int ShellTools::misbehaveLocked(ToolFault fault, const std::string &program, std
     switch (fault) {
     case ToolFault::None:
     case ToolFault::Slow:
+    case ToolFault::VerySlow:
     case ToolFault::Hang:
         return 0;
     case ToolFault::Empty:
@@ -266,6 +275,13 @@ std::size_t ShellTools::countCommand(const std::string &line) const
     for (const CommandRecord &c : commands_)
         count += c.line == line ? 1U : 0U;
     return count;
+}
+
+void ShellTools::clearRules()
+{
+    const BoardLocker lock(mutex_);
+    rules_.clear();
+    toolFaults_.clear();
 }
 
 void ShellTools::clearCommands()

@@ -35,9 +35,10 @@ struct CommandRecord {
 // its effects on the board happen): nothing at all, the first half, the same
 // shape with other letters and digits, an error message instead, everything
 // on one endless line without a newline, binary junk, the right output with
-// exit status 1, the right output after three seconds (killed first where
-// its deadline is shorter), or never ending until killed at its deadline,
-// having done nothing. A missing program is setToolAbsent().
+// exit status 1, the right output after three seconds or after ten (a name
+// server that does not answer), killed first where its deadline is shorter,
+// or never ending until killed at its deadline, having done nothing. A missing program is
+// setToolAbsent().
 enum class ToolFault {
     None,
     Empty,
@@ -48,6 +49,7 @@ enum class ToolFault {
     Binary,
     ExitStatus,
     Slow,
+    VerySlow,
     Hang
 };
 
@@ -73,6 +75,8 @@ class ShellTools {
     // Every command line whose first program is `program` (as written: "ntpq",
     // "./spiWrite", "echo"), or that is exactly `program`, misbehaves so.
     void setToolFault(const std::string &program, ToolFault fault);
+    // Forgets every answer, failure and fault set above: the models answer.
+    void clearRules();
     std::vector<CommandRecord> commands() const;
     // The commands from the from-th on.
     std::vector<CommandRecord> commands(std::size_t from) const;

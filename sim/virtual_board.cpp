@@ -248,6 +248,11 @@ bool VirtualBoard::stopRequested()
     return process_.stopRequested();
 }
 
+void VirtualBoard::grantFinalGrace()
+{
+    process_.grantFinalGrace();
+}
+
 bool VirtualBoard::waitForStopRequest(Deadline timeout)
 {
     return process_.waitForStopRequest(timeout);

@@ -82,6 +82,7 @@ class VirtualBoard final : public Platform {
     // timeout has passed, and until every daemon thread has ended.
     bool waitForStopRequest(Deadline timeout) override;
     void joinThreads() override;
+    void grantFinalGrace() override;
     void lock(Mutex &mutex) override ACQUIRE(mutex);
     void writeError(std::string_view text) override;
     // Recorded with their time: process().notifications().

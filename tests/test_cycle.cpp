@@ -27,13 +27,28 @@ class CycleTest : public BoardTest {
             board.sleepMicroseconds(500);
         }
     }
-    // One cycle at the top of each of the next `count` seconds.
-    void cycles(int count)
+    // One cycle at the top of each of the next `count` seconds, or afterUs
+    // after it.
+    void cycles(int count, std::int64_t afterUs = 0)
     {
         for (int i = 0; i < count; ++i) {
-            board.clock().setNowUs((board.clock().nowUs() / kSecondUs + 1) * kSecondUs);
+            board.clock().setNowUs((board.clock().nowUs() / kSecondUs + 1) * kSecondUs + afterUs);
             cycle.runCycle();
         }
+    }
+    // Times the daemon said text on standard error.
+    std::size_t said(const std::string &text) const
+    {
+        const std::string errors = board.process().errorOutput();
+        std::size_t n = 0;
+        for (std::size_t at = errors.find(text); at != std::string::npos;
+             at = errors.find(text, at + 1))
+            ++n;
+        return n;
+    }
+    std::string metrics() const
+    {
+        return file("/ramcache/zarvent/metrics/zarvent.prom");
     }
     std::size_t count(const std::string &line) const
     {
@@ -108,7 +123,9 @@ TEST_F(CycleTest, QualificationGatesHandOverAndSteering)
     EXPECT_TRUE(cycle.steeringEnabled());
 }
 
-TEST_F(CycleTest, ReceiverQueryThatCannotStartChangesNothing)
+// A query that could not start says nothing; one that started and gave no
+// valid data (too short, or killed at its deadline) stops the steering.
+TEST_F(CycleTest, ReceiverQueries)
 {
     ReceiverQualification qualification(runner, registers);
     for (int i = 0; i < 60; ++i)
@@ -122,6 +139,16 @@ TEST_F(CycleTest, ReceiverQueryThatCannotStartChangesNothing)
     board.tools().onCommand("ntpq -c clockvar", "associd=0 status=0000\n");
     qualification.qualify(); // too short: no valid data
     EXPECT_FALSE(qualification.steeringEnabled());
+    EXPECT_EQ(registerWrites(), std::vector<std::string>{"./spiWrite -m 1 -l 3 -d 1 1 0 0"});
+
+    board.tools().clearRules();
+    for (int i = 0; i < 60; ++i)
+        qualification.qualify();
+    ASSERT_TRUE(qualification.steeringEnabled());
+    board.tools().setToolFault("ntpq", sim::ToolFault::Hang);
+    qualification.qualify();
+    EXPECT_FALSE(qualification.steeringEnabled());
+    EXPECT_EQ(runner.failedReads().at("clockvar"), 3u); // not started, too short, killed
 }
 
 class HandoverTest : public CycleTest {
@@ -194,7 +221,8 @@ TEST_F(CycleTest, OffsetTextAndJitterBlocks)
     EXPECT_EQ(offset.readOffset().offsetNs, -500000000);
     EXPECT_EQ(offsetAsShown(-500000000), -5000000);
     board.fpga().setRegister(14, 5);
-    for (int i = 1; i < 127; ++i)
+    EXPECT_TRUE(offset.readOffset().measured);
+    for (int i = 2; i < 127; ++i)
         EXPECT_FALSE(offset.readOffset().blockJitterNs);
     board.fpga().setRegister(14, 99999995);
     EXPECT_EQ(offset.readOffset().blockJitterNs, 500000050); // the 128th ends the block
@@ -202,8 +230,12 @@ TEST_F(CycleTest, OffsetTextAndJitterBlocks)
     for (int i = 1; i < 128; ++i)
         offset.readOffset();
     EXPECT_EQ(offset.readOffset().blockJitterNs, 100); // the next block starts from +50
+    board.fpga().setRegister(14, 0xFEEEEEEE);          // the FPGA has no measurement
+    EXPECT_FALSE(offset.readOffset().measured);
     board.fpga().setRegisterToolFault(sim::RegisterToolFault::Garbage);
-    EXPECT_EQ(offset.readOffset().offsetNs, 0);
+    const OffsetReading failed = offset.readOffset();
+    EXPECT_EQ(failed.offsetNs, 0);
+    EXPECT_FALSE(failed.measured);
 }
 
 TEST_F(CycleTest, RelayResetFiveSecondsAfterAnEvent)
@@ -241,6 +273,98 @@ TEST_F(CycleTest, ClientIndicatorFlashesOnTheLowByte)
         EXPECT_EQ(count("echo 1 > /sys/class/gpio/gpio71/value"), flash ? 1u : 0u) << responses;
         EXPECT_EQ(lines().back(), "echo 0 > /sys/class/gpio/gpio71/value");
     }
+}
+
+// The board claims no more than the pulse and the clock vouch for.
+class ClaimsTest : public CycleTest {
+  protected:
+    ClaimsTest()
+    {
+        cycle.setup();
+        board.fpga().setRegister(2, 0x19);
+        cycles(60);
+        EXPECT_TRUE(cycle.steeringEnabled());
+        board.tools().clearCommands();
+    }
+    static constexpr const char *kOpenOne = "/usr/bin/Zarvent/spiWrite -m 1 -l 3 -d 1 10 1\n";
+};
+
+TEST_F(ClaimsTest, PulsesThatStopWithdrawTheSteering)
+{
+    board.gpio().setInput(19, 1); // a pulse, then none
+    EXPECT_TRUE(cycle.poll());
+    board.gpio().setInput(19, 0);
+    pollFor(2'900'000);
+    EXPECT_TRUE(cycle.steeringEnabled());
+    pollFor(300'000); // 3 s without a pulse
+    EXPECT_FALSE(cycle.steeringEnabled());
+    EXPECT_EQ(said("zarvent: no pulse from the FPGA for 3 s"), 1u);
+    pollFor(5'000'000);
+    EXPECT_EQ(count("./spiWrite -m 1 -l 3 -d 1 1 24 0"), 1u); // the sync bit, once
+    EXPECT_NE(metrics().find("\nzarvent_pulse 0\n"), std::string::npos);
+    EXPECT_NE(metrics().find("\nzarvent_steering 0\n"), std::string::npos);
+
+    board.gpio().setPulse(19, 100000);
+    pollFor(2'000'000);
+    EXPECT_EQ(said("zarvent: the FPGA's pulse is back after "), 1u);
+    EXPECT_EQ(said("zarvent: no pulse from the FPGA"), 1u);
+    EXPECT_FALSE(cycle.steeringEnabled()); // qualifies afresh
+    EXPECT_NE(metrics().find("\nzarvent_pulse 1\n"), std::string::npos);
+}
+
+TEST_F(ClaimsTest, ClockOffThePulseHandsNoCountOver)
+{
+    const std::size_t words = board.gpio().dacWords().size();
+    cycles(3, 400'000);
+    EXPECT_EQ(count(kOpenOne), 0u);
+    EXPECT_EQ(board.gpio().dacWords().size(), words + 6); // steering goes on
+    EXPECT_EQ(said("the clock read at the pulse lies 400 ms from the top of a second"), 1u);
+    EXPECT_NE(metrics().find("\nzarvent_handovers_skipped_total 3\n"), std::string::npos);
+    cycles(1, 600'000); // as far off before the second
+    EXPECT_EQ(count(kOpenOne), 0u);
+    cycles(1, 99'000);
+    EXPECT_EQ(count(kOpenOne), 1u);
+    cycles(1, 200'000); // flapping at the edge: the same episode
+    cycles(61);
+    EXPECT_EQ(said("from the top of a second"), 1u);
+    EXPECT_EQ(said("the clock has agreed with the pulse for a minute (5 hand-overs skipped)"), 1u);
+}
+
+// ntptime's first and third lines are reported, and stop nothing.
+TEST_F(ClaimsTest, KernelClockAndItsTaiOffsetAreReported)
+{
+    std::string text = ntptimeAt((kStart + 100) * kSecondUs);
+    text.replace(text.find("code 0 (OK)"), 11, "code 5 (ERROR)");
+    text.replace(text.find("TAI offset 37"), 13, "TAI offset 36");
+    board.tools().onCommand("ntptime", text);
+    cycles(2);
+    EXPECT_EQ(count(kOpenOne), 1u);
+    EXPECT_EQ(said("zarvent: ntptime reports the kernel clock unsynchronised\n"), 1u);
+    EXPECT_EQ(said("the kernel's TAI offset (36 s) differs from the leap-second list's (37 s)"),
+              1u);
+    EXPECT_NE(metrics().find("\nzarvent_kernel_clock_synchronised 0\n"), std::string::npos);
+    EXPECT_NE(metrics().find("\nzarvent_kernel_tai_offset_seconds 36\n"), std::string::npos);
+    board.tools().clearRules();
+    cycles(61);
+    EXPECT_EQ(said("ntptime reports the kernel clock synchronised again"), 1u);
+    EXPECT_EQ(said("TAI offset agrees with the leap-second list's again"), 1u);
+}
+
+// At a stop, once every thread has ended: the sync and reference-valid bits
+// cleared, a relay pulse cut short taken back, the other bits kept, no
+// metrics left.
+TEST_F(ClaimsTest, StopWithdrawsTheClaims)
+{
+    board.fpga().setRegister(28, 1);
+    cycles(1);
+    board.fpga().setRegister(28, 0);
+    board.tools().failCommand("./spiWrite -m 1 -l 3 -d 1 2 25 0"); // the pulse's clear
+    cycles(5);
+    ASSERT_EQ(board.fpga().registerValue(2), 27u);
+    cycle.releaseClaims();
+    EXPECT_EQ(board.fpga().registerValue(2), 24u);
+    EXPECT_EQ(board.fpga().registerValue(1), 24u);
+    EXPECT_FALSE(board.files().exists("/ramcache/zarvent/metrics/zarvent.prom"));
 }
 
 class SteeringTest : public CycleTest {

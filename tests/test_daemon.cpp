@@ -40,7 +40,7 @@ class FpgaTest : public BoardTest {
     {
         board.fpga().setConfigured(false);
     }
-    FpgaLoader fpga{board, runner, gpio, registers};
+    FpgaLoader fpga{board, runner, gpio, registers, shared};
     const std::string write1 = "./spiWrite -m 1 -l 3 -d 1 1 0 0";
 };
 
@@ -62,6 +62,24 @@ TEST_F(FpgaTest, LoadsOnceAndWaitsForTheAnswer)
     board.tools().clearCommands();
     fpga.loadUntilConfigured();
     EXPECT_TRUE(board.tools().commands().empty());
+}
+
+// An FPGA that has not answered within a minute of its load is loaded again.
+TEST_F(FpgaTest, LoadsAgainWhileTheFpgaDoesNotAnswer)
+{
+    board.fpga().setLoaderBroken(true);
+    int reads = 0;
+    board.fpga().setRegisterHooks(
+        [&](int reg) {
+            if (reg == 2 && ++reads == 60)
+                board.fpga().setLoaderBroken(false);
+        },
+        {});
+    fpga.loadUntilConfigured();
+    EXPECT_EQ(board.fpga().loaderRuns(), 2);
+    EXPECT_TRUE(shared.fpgaConfigured);
+    EXPECT_NE(board.process().errorOutput().find("has not answered within a minute"),
+              std::string::npos);
 }
 
 TEST_F(FpgaTest, LoaderThatCannotStartStillChecksTheFpga)
@@ -94,8 +112,9 @@ TEST(Threads, DaemonThreadsAtOnce)
         EXPECT_FALSE(word.malformed);
 }
 
-// A stop request ends every thread within a supervision pass; whatever was
-// open is closed when the daemon's parts go away.
+// A stop request ends every thread within a supervision pass; the FPGA is
+// told no more steering and no valid reference, its other bits kept, and no
+// metrics stay; whatever was open is closed when the daemon's parts go away.
 TEST(Threads, StopEndsEveryThreadAndClosesAll)
 {
     sim::VirtualBoard board(kStart);
@@ -110,11 +129,16 @@ TEST(Threads, StopEndsEveryThreadAndClosesAll)
         daemon.startThreads();
         scheduler.wait(70'000'000); // steering and statistics under way
         EXPECT_GT(board.descriptors().openCount(), 0);
+        ASSERT_EQ(board.fpga().registerValue(2) & 1, 1u);
+        board.fpga().setRegister(2, board.fpga().registerValue(2) | 0x18);
         board.process().requestStop();
         const std::int64_t asked = board.clock().nowUs();
         EXPECT_TRUE(board.waitForStopRequest(std::chrono::seconds(1)));
-        board.joinThreads();
+        daemon.finishStop();
         EXPECT_LT(board.clock().nowUs() - asked, 5'000'000);
+        EXPECT_EQ(board.fpga().registerValue(2), 0x18u);
+        EXPECT_EQ(board.fpga().registerValue(1) & 1, 0u);
+        EXPECT_FALSE(board.files().exists("/ramcache/zarvent/metrics/zarvent.prom"));
         EXPECT_EQ(scheduler.liveThreads(), 1u);
         const auto words = board.gpio().dacWords().size();
         scheduler.wait(3'000'000);

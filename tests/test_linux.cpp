@@ -71,8 +71,8 @@ TEST_F(LinuxTest, LinesAreReadAsTheToolsPrintThem)
         EXPECT_EQ(out.count, c.count) << c.command;
         EXPECT_EQ(out.last, c.last) << c.command;
     }
-    EXPECT_TRUE(runner.hasOutput("printf x"));
-    EXPECT_FALSE(runner.hasOutput("true"));
+    EXPECT_EQ(runner.hasOutput("printf x"), true);
+    EXPECT_EQ(runner.hasOutput("true"), false);
 }
 
 TEST_F(LinuxTest, ToolThatPrintsWhileItWorksRunsToItsEnd)
@@ -87,8 +87,10 @@ TEST_F(LinuxTest, ToolThatPrintsWhileItWorksRunsToItsEnd)
     runner.readLines("printf '1\\n2\\n3\\n4\\n5\\n'; sleep 0.1; echo 6; touch " + after.string(),
                      5);
     EXPECT_TRUE(std::filesystem::exists(after));
-    // One that never stops printing does not hold the daemon.
-    EXPECT_TRUE(runner.run("yes", PipeMode::Read));
+    // However much it prints: 3 MB of progress, and then its last step.
+    const auto big = dir_ / "after-3mb";
+    EXPECT_TRUE(runner.run("head -c 3000000 /dev/zero; touch " + big.string(), PipeMode::Read));
+    EXPECT_TRUE(std::filesystem::exists(big));
 }
 
 // A command that never ends is killed at its deadline with everything it
@@ -123,7 +125,27 @@ TEST_F(LinuxTest, DeadlinesAndBackgroundChildren)
     EXPECT_LT(Clock::now() - before, std::chrono::seconds(2));
     EXPECT_TRUE(console.started);
     EXPECT_EQ(console.last, "ready\n");
-    EXPECT_FALSE(runner.hasOutput("kill -PIPE $$; echo survived"));
+    EXPECT_EQ(runner.hasOutput("kill -PIPE $$; echo survived"), false);
+}
+
+// A program whose killed command is still stuck (in its driver, on the
+// board; here a child nobody reaps yet) gets no new command, and says so in
+// its counts, until it is gone.
+TEST_F(LinuxTest, StuckProgramIsRefusedWhileItLasts)
+{
+    const pid_t stuck = ::fork();
+    ASSERT_GE(stuck, 0);
+    if (stuck == 0) {
+        ::pause();
+        ::_exit(0);
+    }
+    platform.adoptUnreaped(stuck, "sleep");
+    EXPECT_FALSE(runner.run("sleep 0", PipeMode::Read));
+    EXPECT_TRUE(runner.toolCounts().at("sleep").refused);
+    ::kill(stuck, SIGKILL);
+    for (int i = 0; i < 100 && !runner.run("sleep 0", PipeMode::Read); ++i)
+        ::usleep(10000);
+    EXPECT_FALSE(runner.toolCounts().at("sleep").refused);
 }
 
 // systemd's notification socket: what the daemon sends arrives whole, and the

@@ -123,6 +123,34 @@ TEST_F(SupervisionTest, ReferenceValidBitAndAlarm)
     EXPECT_EQ(board.gpio().level(77), 1);
 }
 
+// A peer query that gives no answer (killed at its deadline) is unknown: the
+// last known reference stands through one pass of hung queries, with its
+// indicator, its bit and no alarm, and is lost in the next. A slow one that
+// answers is an answer; grep finding nothing is one too, no failure.
+TEST_F(SupervisionTest, HungPeerQueriesAreUnknownNotLost)
+{
+    board.fpga().setRegister(2, 0x00);
+    supervision.pass();
+    ASSERT_EQ(board.fpga().registerValue(2), 1u);
+    board.tools().setToolFault("ntpq", sim::ToolFault::Hang);
+    supervision.pass(); // four queries killed at 30 s each
+    EXPECT_EQ(shared.reference, Reference::SystemPeer);
+    EXPECT_FALSE(shared.alarm);
+    EXPECT_EQ(board.fpga().registerValue(2), 1u);
+    EXPECT_EQ(board.gpio().level(73), 1);
+    supervision.pass();
+    EXPECT_EQ(shared.reference, Reference::None);
+    EXPECT_TRUE(shared.alarm);
+    EXPECT_EQ(board.fpga().registerValue(2), 0u);
+
+    board.tools().setToolFault("ntpq", sim::ToolFault::VerySlow); // 10 s a query
+    board.ntp().setPeer(sim::Peer::Pps);
+    supervision.pass();
+    EXPECT_EQ(shared.reference, Reference::PpsPeer);
+    EXPECT_FALSE(shared.alarm);
+    EXPECT_EQ(runner.toolCounts().at("ntpq").failed, 0u);
+}
+
 TEST_F(SupervisionTest, FirstClearPassKeepsTheStartTime)
 {
     shared.setEvent("Nov 16 2026 13:26:58.000");

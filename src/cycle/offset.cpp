@@ -53,6 +53,7 @@ OffsetReading OffsetReadout::readOffset()
     const auto raw = registers_.readPhase();
     OffsetReading reading;
     reading.offsetNs = raw ? foldPhase(*raw) : 0;
+    reading.measured = raw && *raw <= kNoMeasurementAbove;
     if (reading.offsetNs > blockMax_)
         blockMax_ = reading.offsetNs;
     if (reading.offsetNs < blockMin_)

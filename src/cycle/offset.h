@@ -20,6 +20,9 @@ std::int32_t offsetAsShown(std::int32_t offsetNs);
 
 struct OffsetReading {
     std::int32_t offsetNs = 0;
+    // The FPGA measured it: false when the read failed, timed out or was
+    // refused, or the register says there is no measurement (offset 0 then).
+    bool measured = false;
     // The peak-to-peak offset of a block of 128 cycles, in the cycle that
     // ends the block.
     std::optional<std::int32_t> blockJitterNs;

@@ -29,4 +29,11 @@ void ReceiverQualification::qualify()
     }
 }
 
+void ReceiverQualification::withdraw()
+{
+    steering_ = false;
+    validCycles_ = 0;
+    registers_.copyControlToSync(false, PipeMode::Read);
+}
+
 } // namespace zarvent

@@ -19,6 +19,9 @@ class ReceiverQualification {
     // valid cycle in a row enables steering and sets the FPGA's sync bit, an
     // invalid one disables both.
     void qualify();
+    // No pulse comes: steering stops and the FPGA's sync bit is cleared, so
+    // that qualification starts afresh when pulses return.
+    void withdraw();
 
     // Steering is enabled: it gates the hand-over and the steering.
     bool steeringEnabled() const

@@ -11,8 +11,12 @@ constexpr std::int64_t kDelaySeconds = 4; // pulsed once more than 4 s have pass
 
 void RelayReset::pulse(unsigned bit)
 {
+    inFlight_ |= bit;
     registers_.modifyControl(bit, 0, PipeMode::Write);
-    registers_.modifyControl(0, bit, PipeMode::Write);
+    // A clear that could not be written (the register not read, the tool
+    // cut short by a stop) leaves the bit in flight.
+    if (registers_.modifyControl(0, bit, PipeMode::Write))
+        inFlight_ &= ~bit;
 }
 
 void RelayReset::expire(PendingEvent &event, unsigned bit, std::int64_t nowSeconds)

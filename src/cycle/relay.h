@@ -15,6 +15,12 @@ class RelayReset {
 
     // One cycle's look at the flags; nowSeconds is the cycle's time.
     void acknowledge(std::int64_t nowSeconds);
+    // The register-2 bits of pulses set and not yet cleared: a stop that cut
+    // a pulse short leaves them for the daemon's last write.
+    unsigned bitsInFlight() const
+    {
+        return inFlight_;
+    }
 
   private:
     // An event flag seen and not yet acknowledged, since when.
@@ -28,6 +34,7 @@ class RelayReset {
     Registers &registers_;
     PendingEvent first_;
     PendingEvent second_;
+    unsigned inFlight_ = 0;
 };
 
 } // namespace zarvent

@@ -15,7 +15,7 @@ namespace zarvent {
 
 Daemon::Daemon(Platform &platform)
     : platform_(platform), board_(platform),
-      fpga_(platform, board_.runner, board_.gpio, board_.registers),
+      fpga_(platform, board_.runner, board_.gpio, board_.registers, board_.shared),
       supervision_(platform, board_.runner, board_.gpio, board_.registers, board_.shared),
       cycle_(platform, board_.runner, board_.gpio, board_.registers, board_.dac, board_.shared)
 {}
@@ -172,7 +172,17 @@ void Daemon::superviseUntilStop()
     // grace, well within the watchdog's interval from here.
     if (interval)
         platform_.notifyServiceManager("WATCHDOG=1");
+    finishStop();
+}
+
+void Daemon::finishStop()
+{
     platform_.joinThreads();
+    // Nothing runs any more: the FPGA must not go on claiming steering and a
+    // valid reference for clients that follow it. The supervision loop can
+    // set the reference-valid bit no more, so the bits stay cleared.
+    platform_.grantFinalGrace();
+    cycle_.releaseClaims();
 }
 
 } // namespace zarvent

@@ -28,6 +28,10 @@ class Daemon {
     // Takes the instance lock: false, with a message, when another instance
     // holds it or it cannot be had.
     bool lockInstance();
+    // After a stop request: waits for the threads to end, then withdraws
+    // what the daemon told the FPGA (its sync and reference-valid bits, relay
+    // pulses cut short) and removes its metrics.
+    void finishStop();
 
     // What the threads share and whether the cycle steers: the simulator's
     // view of the daemon.

@@ -8,6 +8,7 @@
 #include "hardware/registers.h"
 #include "hardware/runner.h"
 #include "platform/platform.h"
+#include "state/shared_state.h"
 
 namespace zarvent {
 
@@ -45,14 +46,29 @@ bool FpgaLoader::attempt()
 
 void FpgaLoader::loadUntilConfigured()
 {
-    if (!configured_)
-        runner_.run("./wrFPGA --file Version_1.rbf", PipeMode::Read); // goes on if it cannot start
     while (!configured_ && !platform_.stopRequested()) {
-        configured_ = attempt();
+        // A loader that cannot start still leaves the checks to find an FPGA
+        // configured before (a restart of the daemon alone).
+        bool killed = false;
+        runner_.run("./wrFPGA --file Version_1.rbf", PipeMode::Read, &killed);
         progress_.fetch_add(1, std::memory_order_relaxed);
-        if (configured_)
-            return;
-        platform_.sleepSeconds(1);
+        for (int check = 0; !killed && check < kChecksPerLoad && !platform_.stopRequested();
+             ++check) {
+            configured_ = attempt();
+            progress_.fetch_add(1, std::memory_order_relaxed);
+            if (configured_) {
+                shared_.fpgaConfigured = true;
+                return;
+            }
+            platform_.sleepSeconds(1);
+        }
+        if (!reloadSaid_ && !platform_.stopRequested()) {
+            reloadSaid_ = true;
+            platform_.writeError(killed ? "zarvent: the FPGA loader was killed at its deadline; "
+                                          "loading the FPGA again\n"
+                                        : "zarvent: the FPGA has not answered within a minute "
+                                          "of its load; loading it again\n");
+        }
     }
 }
 

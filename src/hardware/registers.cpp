@@ -25,17 +25,21 @@ std::string writeLine(int reg, unsigned value)
 
 } // namespace
 
-std::optional<std::uint64_t> Registers::read(const char *line, int calls, int dataBytes)
+std::optional<std::uint64_t> Registers::read(const char *what, const char *line, int calls,
+                                             int dataBytes)
 {
     const CommandLines out = runner_.readLines(line, calls);
-    if (out.count < 5)
-        return std::nullopt;
-    return parseRegisterLine(out.last, dataBytes);
+    std::optional<std::uint64_t> value;
+    if (out.count >= 5)
+        value = parseRegisterLine(out.last, dataBytes);
+    if (!value)
+        runner_.countFailedRead(what);
+    return value;
 }
 
 std::optional<unsigned> Registers::readControl()
 {
-    const auto value = read(kReadControl, 6, 1);
+    const auto value = read("control", kReadControl, 6, 1);
     if (!value)
         return std::nullopt;
     return static_cast<unsigned>(*value);
@@ -43,7 +47,7 @@ std::optional<unsigned> Registers::readControl()
 
 std::optional<std::uint32_t> Registers::readPhase()
 {
-    const auto value = read(kReadPhase, 6, 4);
+    const auto value = read("phase", kReadPhase, 6, 4);
     if (!value)
         return std::nullopt;
     return static_cast<std::uint32_t>(*value);
@@ -51,17 +55,17 @@ std::optional<std::uint32_t> Registers::readPhase()
 
 std::optional<std::uint64_t> Registers::readRequests()
 {
-    return read(kReadRequests, 5, 2);
+    return read("requests", kReadRequests, 5, 2);
 }
 
 std::optional<std::uint64_t> Registers::readResponses()
 {
-    return read(kReadResponses, 5, 2);
+    return read("responses", kReadResponses, 5, 2);
 }
 
-std::optional<unsigned> Registers::readOneByte(const char *line)
+std::optional<unsigned> Registers::readOneByte(const char *what, const char *line)
 {
-    const auto value = read(line, 5, 1);
+    const auto value = read(what, line, 5, 1);
     if (!value)
         return std::nullopt;
     return static_cast<unsigned>(*value);
@@ -69,12 +73,12 @@ std::optional<unsigned> Registers::readOneByte(const char *line)
 
 std::optional<unsigned> Registers::readRelayEvents()
 {
-    return readOneByte(kReadRelayEvents);
+    return readOneByte("relay_events", kReadRelayEvents);
 }
 
 std::optional<unsigned> Registers::readCaptureControl()
 {
-    return readOneByte(kReadCapture);
+    return readOneByte("capture_control", kReadCapture);
 }
 
 bool Registers::write(int reg, unsigned value, PipeMode mode)
@@ -97,7 +101,8 @@ std::optional<unsigned> Registers::modifyControl(unsigned set, unsigned clear, P
     if (!value)
         return std::nullopt;
     const unsigned written = (*value | set) & ~clear;
-    write(fpga::kControlRegister, written, mode);
+    if (!write(fpga::kControlRegister, written, mode))
+        return std::nullopt;
     return written;
 }
 
@@ -108,6 +113,12 @@ void Registers::copyControlToSync(bool syncBit, PipeMode mode)
         return;
     write(fpga::kSyncRegister, syncBit ? (*control | fpga::kSyncBit) : (*control & ~fpga::kSyncBit),
           mode);
+}
+
+void Registers::releaseClaims(unsigned relayBits)
+{
+    modifyControl(0, fpga::kReferenceValidBit | relayBits, PipeMode::Read);
+    copyControlToSync(false, PipeMode::Read);
 }
 
 bool Registers::writeHandover(int reg, unsigned number)

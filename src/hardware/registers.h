@@ -53,11 +53,19 @@ class Registers {
     // Reads register 2, sets the bits of `set`, clears those of `clear` and
     // writes it back, holding the register-2 lock throughout, so that the
     // cycle's and the supervision's updates never undo each other's bit. The
-    // value written, or nothing when the read failed and nothing was written.
+    // value written, or nothing when the read failed and nothing was written
+    // or the write could not be run.
     std::optional<unsigned> modifyControl(unsigned set, unsigned clear, PipeMode mode);
     // Register 1 takes register 2's value with the sync bit set or cleared;
     // a failed read of register 2 is not written anywhere.
     void copyControlToSync(bool syncBit, PipeMode mode);
+
+    // The daemon's last word to the FPGA at an orderly stop, so that nothing
+    // claims synchronisation once nothing runs: register 2 loses its
+    // reference-valid bit and the relay bits in `relayBits` (pulses cut
+    // short), every other bit kept; then register 1 takes register 2's value
+    // with its sync bit cleared. Each through the usual read-modify-write.
+    void releaseClaims(unsigned relayBits);
 
     // The time hand-over, run by absolute path with a newline, mode "w":
     // the hand-over's number to register 10 (open) or 11 (close), and the
@@ -67,8 +75,9 @@ class Registers {
     bool writeCount(std::uint64_t count);
 
   private:
-    std::optional<std::uint64_t> read(const char *line, int calls, int dataBytes);
-    std::optional<unsigned> readOneByte(const char *line);
+    // A read of one register; one that gives no value is counted under what.
+    std::optional<std::uint64_t> read(const char *what, const char *line, int calls, int dataBytes);
+    std::optional<unsigned> readOneByte(const char *what, const char *line);
 
     Platform &platform_;
     Runner &runner_;

@@ -1,9 +1,10 @@
 #include "hardware/runner.h"
 
 #include <array>
+#include <cerrno>
 #include <cstring>
 #include <memory>
-#include <vector>
+#include <sys/wait.h>
 
 namespace zarvent {
 
@@ -14,42 +15,25 @@ std::string_view commandProgram(std::string_view line)
     return slash == std::string_view::npos ? first : first.substr(slash + 1);
 }
 
-Deadline commandDeadline(std::string_view program)
+Deadline commandDeadline(std::string_view line)
 {
-    using namespace std::chrono_literals;
-    // The register tool makes one SPI transfer of a few bytes and prints five
-    // lines: milliseconds on the board even when it is busy. Two seconds is
-    // far beyond a working transfer, and a cycle that waited longer would
-    // have missed its second anyway. ntptime is one system call and a print.
-    if (program == "spiWrite" || program == "ntptime")
-        return 2s;
-    // ntpq gives up on a silent ntpd by itself after its own time-out (5 s)
-    // and says so; the deadline catches only an ntpq that hangs beyond that.
+    const std::string_view program = commandProgram(line);
+    if (program == "spiWrite")
+        return kRegisterToolDeadline;
+    if (program == "ntptime")
+        return kNtptimeDeadline;
     if (program == "ntpq")
-        return 8s;
-    // The loader pushes the whole bitstream over SPI and waits for the FPGA
-    // to report it configured: seconds on a working board. Two minutes is
-    // far beyond a working load and still lets the board come up.
+        return line.starts_with("ntpq -p") ? kPeersDeadline : kClockvarDeadline;
     if (program == "wrFPGA")
-        return 120s;
-    // mkfs of the 8 MiB RAM disk takes well under a second; the time beyond
-    // bounds a block device that does not answer. mount likewise.
+        return kLoaderDeadline;
     if (program == "mkfs")
-        return 30s;
+        return kMkfsDeadline;
     if (program == "mount" || program == "mversion")
-        return 10s;
-    // The shell utilities (echo into sysfs, rm, touch, tail, cp, mkdir, df,
-    // adjtimex, ifconfig, the console started in the background) return in
-    // milliseconds; df can hang on a dead mount, echo on a wedged driver.
-    return 5s;
+        return kMountDeadline;
+    return kShellDeadline;
 }
 
 namespace {
-
-// Output read and dropped before a command is closed. A tool that never stops
-// printing must not hold the daemon for good: beyond this much, the pipe is
-// closed anyway.
-constexpr std::size_t kDrainLimit = 1 << 20;
 
 // A started command and the bytes of its output not yet handed out.
 class Pipe {
@@ -89,14 +73,15 @@ class Pipe {
     }
 
     // Drains the rest of the output, waits for the command and returns its
-    // wait status; -1 when it was killed at its deadline.
+    // wait status; -1 when it was killed at its deadline. The drain has no
+    // limit of its own: a tool that never stops printing is killed at its
+    // deadline, and one that prints a lot while it works finishes its work.
     int close()
     {
         if (!command_)
             return status_;
-        std::size_t drained = 0;
-        while (drained < kDrainLimit && refill())
-            drained += size_;
+        while (refill()) {
+        }
         next_ = size_;
         status_ = command_->wait();
         timedOut_ = command_->timedOut();
@@ -132,56 +117,87 @@ class Pipe {
 
 } // namespace
 
-std::optional<int> Runner::run(const std::string &line, PipeMode mode)
+std::unique_ptr<Command> Runner::start(const std::string &line, PipeMode mode)
 {
-    auto command = platform_.startCommand(line, mode, commandDeadline(commandProgram(line)));
-    if (!command) {
-        account(line, -1, false);
-        return std::nullopt;
+    auto command = platform_.startCommand(line, mode, commandDeadline(line));
+    // The seam refuses a program whose killed command is still stuck in its
+    // driver (EAGAIN): the metrics say so while it lasts.
+    const bool refused = !command && errno == EAGAIN;
+    {
+        const MutexLocker lock(mutex_);
+        const std::string_view program = commandProgram(line);
+        auto found = tools_.find(program);
+        if (found == tools_.end())
+            found = tools_.emplace(std::string(program), ToolRecord{}).first;
+        found->second.counts.refused = refused;
     }
+    if (!command)
+        account(line, -1, false);
+    return command;
+}
+
+std::optional<int> Runner::run(const std::string &line, PipeMode mode, bool *timedOut)
+{
+    auto command = start(line, mode);
+    if (timedOut != nullptr)
+        *timedOut = false;
+    if (!command)
+        return std::nullopt;
     Pipe pipe(std::move(command));
     const int status = pipe.close();
     account(line, status, pipe.timedOut());
-    if (pipe.timedOut())
+    if (pipe.timedOut()) {
+        if (timedOut != nullptr)
+            *timedOut = true;
         return std::nullopt;
+    }
     return status;
 }
 
 CommandLines Runner::readLines(const std::string &line, int calls, std::size_t bufferSize)
 {
     CommandLines result;
-    auto command =
-        platform_.startCommand(line, PipeMode::Read, commandDeadline(commandProgram(line)));
-    if (!command) {
-        account(line, -1, false);
+    auto command = start(line, PipeMode::Read);
+    if (!command)
         return result;
-    }
     Pipe pipe(std::move(command));
-    for (int i = 0; i < calls && pipe.readLine(result.last, bufferSize); ++i)
+    for (int i = 0; i < calls && pipe.readLine(result.last, bufferSize); ++i) {
         ++result.count;
+        result.lines.push_back(result.last);
+    }
     const int status = pipe.close();
     account(line, status, pipe.timedOut());
+    result.started = true;
     // What a command printed before it was killed may be half a line of a
     // register's value: none of it is used.
-    if (pipe.timedOut())
-        return CommandLines{};
-    result.started = true;
+    if (pipe.timedOut()) {
+        result = CommandLines{};
+        result.started = true;
+        result.timedOut = true;
+    }
     return result;
 }
 
-bool Runner::hasOutput(const std::string &line)
+std::optional<bool> Runner::hasOutput(const std::string &line)
 {
-    auto command =
-        platform_.startCommand(line, PipeMode::Read, commandDeadline(commandProgram(line)));
-    if (!command) {
-        account(line, -1, false);
-        return false; // a query that cannot be started finds nothing
-    }
+    auto command = start(line, PipeMode::Read);
+    if (!command)
+        return std::nullopt;
     Pipe pipe(std::move(command));
     const bool printed = pipe.anyOutput();
     const int status = pipe.close();
-    account(line, status, pipe.timedOut());
-    return printed && !pipe.timedOut();
+    // grep's status 1: no line matched, which is the answer "absent".
+    const bool noMatch = status > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 1;
+    account(line, noMatch ? 0 : status, pipe.timedOut());
+    if (pipe.timedOut())
+        return std::nullopt;
+    return printed;
+}
+
+void Runner::countFailedRead(const char *what)
+{
+    const MutexLocker lock(mutex_);
+    ++failedReads_[what];
 }
 
 std::map<std::string, ToolCounts, std::less<>> Runner::toolCounts() const
@@ -191,6 +207,12 @@ std::map<std::string, ToolCounts, std::less<>> Runner::toolCounts() const
     for (const auto &[program, record] : tools_)
         counts.emplace(program, record.counts);
     return counts;
+}
+
+std::map<std::string, std::uint64_t, std::less<>> Runner::failedReads() const
+{
+    const MutexLocker lock(mutex_);
+    return failedReads_;
 }
 
 void Runner::account(const std::string &line, int status, bool timedOut)
@@ -216,7 +238,7 @@ void Runner::account(const std::string &line, int status, bool timedOut)
             if (record.episodeTimeouts++ == 0)
                 message = "zarvent: " + std::string(program) + " did not finish within " +
                           std::to_string(std::chrono::duration_cast<std::chrono::seconds>(
-                                             commandDeadline(program))
+                                             commandDeadline(line))
                                              .count()) +
                           " s, its process group killed: " +
                           line.substr(0, line.find_last_not_of('\n') + 1) + "\n";

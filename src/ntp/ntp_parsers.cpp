@@ -68,6 +68,39 @@ std::optional<NtptimeReading> parseNtptimeLine(std::string_view line)
     return reading;
 }
 
+std::optional<int> parseNtptimeCode(std::string_view firstLine)
+{
+    // "ntp_gettime() returns code " is 27 characters; one digit, a blank
+    // and the code's name in parentheses follow.
+    static constexpr std::string_view kLead = "ntp_gettime() returns code ";
+    if (firstLine.size() < kLead.size() + 3 || !firstLine.starts_with(kLead))
+        return std::nullopt;
+    const char digit = firstLine[kLead.size()];
+    if (!isDecimal(digit) || firstLine[kLead.size() + 1] != ' ' ||
+        firstLine[kLead.size() + 2] != '(')
+        return std::nullopt;
+    return digit - '0';
+}
+
+std::optional<std::int32_t> parseNtptimeTaiOffset(std::string_view thirdLine)
+{
+    static constexpr std::string_view kLead = "  maximum error ";
+    static constexpr std::string_view kLabel = ", TAI offset ";
+    if (!thirdLine.starts_with(kLead))
+        return std::nullopt;
+    if (thirdLine.ends_with('\n'))
+        thirdLine.remove_suffix(1);
+    const std::size_t at = thirdLine.rfind(kLabel);
+    if (at == std::string_view::npos)
+        return std::nullopt;
+    std::string_view number = thirdLine.substr(at + kLabel.size());
+    // The whole rest of the line is the number: an optional sign and digits.
+    const std::string_view digitsOnly = number.substr(number.starts_with('-') ? 1 : 0);
+    if (!digits(digitsOnly) || digitsOnly.size() > 9)
+        return std::nullopt;
+    return parseDecimal(number);
+}
+
 bool rmcStatusValid(std::string_view thirdLine)
 {
     // timecode="$GPRMC,132746.00,A,...: the talker (GP, GN, GL) in columns

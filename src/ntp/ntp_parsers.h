@@ -20,6 +20,18 @@ struct NtptimeReading {
 };
 [[nodiscard]] std::optional<NtptimeReading> parseNtptimeLine(std::string_view line);
 
+// The return code of ntptime's first line, "ntp_gettime() returns code 0 (OK)":
+// 0 to 4 while the kernel clock is synchronised (4 a leap second's wait), 5
+// (ERROR) while it is not.
+[[nodiscard]] std::optional<int> parseNtptimeCode(std::string_view firstLine);
+inline constexpr int kClockUnsynchronised = 5;
+
+// The kernel's TAI offset at the end of ntptime's third line,
+// "  maximum error 16000 us, estimated error 16 us, TAI offset 37". The error
+// figures before it have no fixed width, so the offset is found after its
+// label at the end of the line.
+[[nodiscard]] std::optional<std::int32_t> parseNtptimeTaiOffset(std::string_view thirdLine);
+
 // The third line of "ntpq -c clockvar" with the NMEA reference clock: the
 // receiver's RMC sentence in the timecode variable, whose status letter sits at
 // column 27 ("A" valid data) when the receiver prints its time as hhmmss.ss.

@@ -127,6 +127,10 @@ class Platform {
     virtual bool waitForStopRequest(Deadline timeout) = 0;
     // Blocks until every thread started by startThread has ended.
     virtual void joinThreads() = 0;
+    // Once every thread has ended after a stop request: the daemon's last
+    // commands (what it withdraws from the FPGA) get kStopGrace of their own,
+    // from now, however long the threads took.
+    virtual void grantFinalGrace() = 0;
     // Takes a mutex that its holder keeps across other calls of this
     // interface (the read-modify-write of FPGA register 2 runs two commands).
     virtual void lock(Mutex &mutex) ACQUIRE(mutex) = 0;

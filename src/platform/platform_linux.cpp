@@ -271,6 +271,12 @@ void LinuxPlatform::joinThreads()
         thread.join();
 }
 
+void LinuxPlatform::grantFinalGrace()
+{
+    if (stop_.load())
+        stopAtNs_.store(monotonicClockNs());
+}
+
 void LinuxPlatform::lock(Mutex &mutex)
 {
     mutex.lock();

@@ -96,6 +96,7 @@ class LinuxPlatform final : public Platform {
     bool stopRequested() override;
     bool waitForStopRequest(Deadline timeout) override;
     void joinThreads() override;
+    void grantFinalGrace() override;
     void lock(Mutex &mutex) override ACQUIRE(mutex);
     void writeError(std::string_view text) override;
     void notifyServiceManager(std::string_view state) override;

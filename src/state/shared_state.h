@@ -9,7 +9,8 @@
 //   always sees a whole value.
 // - The reference ntpd follows, the alarm flag, the antenna code and TAI-UTC
 //   are written by the supervision thread and read by the cycle: atomics. So
-//   are the error log's line count and the start time, for the metrics.
+//   are the error log's line count, the start time and whether the FPGA has
+//   answered, for the metrics.
 #pragma once
 
 #include <atomic>
@@ -58,8 +59,11 @@ class SharedState {
     // The antenna monitor's code: the feed line in bit 2, the short-detect
     // line in bit 1, the current-detect line in bit 0.
     std::atomic<std::uint8_t> antennaCode{0};
-    // TAI-UTC in seconds, from the leap-second list.
+    // TAI-UTC in seconds, from the leap-second list; -1 when unknown.
     std::atomic<std::int32_t> taiOffset{0};
+    // The FPGA has answered since its load (the FPGA thread's, for the
+    // metrics).
+    std::atomic<bool> fpgaConfigured{false};
     // For the metrics: lines the supervision thread wrote to the error log,
     // and the Unix second the daemon started.
     std::atomic<std::uint64_t> errorLogLines{0};

@@ -59,6 +59,10 @@ std::string formatMetrics(const MetricsSnapshot &m)
     Exposition e;
     e.one("zarvent_offset_seconds", "gauge",
           "Phase offset of the FPGA pulse against the reference, this cycle.", seconds(m.offsetNs));
+    e.one("zarvent_offset_valid", "gauge",
+          "1 when this cycle's offset is the FPGA's measurement; 0 when the read failed, timed "
+          "out or was refused, or the FPGA had none (the offset then reads 0).",
+          flag(m.offsetMeasured));
     e.one("zarvent_offset_mean_seconds", "gauge", "Filtered mean offset, as on the status page.",
           seconds(m.meanOffsetNs));
     e.one("zarvent_jitter_seconds", "gauge", "Offset jitter, as on the status page.",
@@ -100,6 +104,35 @@ std::string formatMetrics(const MetricsSnapshot &m)
     e.one("zarvent_handovers_failed_total", "counter",
           "Hand-overs of the seconds count that ended before they were closed.",
           number(m.handoversFailed));
+    e.one("zarvent_handovers_skipped_total", "counter",
+          "Hand-overs not made because the clock read at the pulse lay more than 100 ms from "
+          "the top of a second.",
+          number(m.handoversSkipped));
+    e.one("zarvent_pulse", "gauge", "1 while the FPGA's pulse arrives, 0 after 3 s without one.",
+          flag(m.pulse));
+    e.one("zarvent_fpga_configured", "gauge",
+          "1 once the FPGA has answered since its bitstream was loaded.", flag(m.fpgaConfigured));
+    if (m.kernelClockSynchronised)
+        e.one("zarvent_kernel_clock_synchronised", "gauge",
+              "1 while ntptime reports the kernel clock synchronised, 0 while it reports it "
+              "unsynchronised (code 5).",
+              flag(*m.kernelClockSynchronised));
+    e.one("zarvent_tai_offset_seconds", "gauge",
+          "TAI-UTC in use for the FPGA's seconds count, from the leap-second list; -1 unknown.",
+          std::to_string(m.taiOffset));
+    if (m.kernelTaiOffset)
+        e.one("zarvent_kernel_tai_offset_seconds", "gauge",
+              "The kernel's TAI offset as ntptime prints it (0: never set).",
+              std::to_string(*m.kernelTaiOffset));
+    e.family("zarvent_read_failures_total", "counter",
+             "Reads that gave no value (not started, killed at the deadline, too few lines, not "
+             "the documented form), by what was read.");
+    for (const auto &[what, count] : m.failedReads)
+        e.sample("zarvent_read_failures_total", "read=\"" + what + "\"", number(count));
+    e.family("zarvent_command_refused", "gauge",
+             "1 while a tool's starts are refused because a killed command of it is still stuck.");
+    for (const auto &[tool, counts] : m.commands)
+        e.sample("zarvent_command_refused", "tool=\"" + tool + "\"", flag(counts.refused));
     const struct {
         const char *name;
         const char *help;
@@ -107,7 +140,8 @@ std::string formatMetrics(const MetricsSnapshot &m)
     } commandFamilies[] = {
         {"zarvent_commands_total", "Commands run, by tool.", &ToolCounts::run},
         {"zarvent_command_failures_total",
-         "Commands that could not be started or ended with a status other than 0, by tool.",
+         "Commands that could not be started or ended with a failing status (grep's 1, no "
+         "line matched, is an answer), by tool.",
          &ToolCounts::failed},
         {"zarvent_command_timeouts_total", "Commands killed at their deadline, by tool.",
          &ToolCounts::timedOut},
@@ -150,6 +184,11 @@ bool writeMetrics(Platform &platform, const MetricsSnapshot &m)
             return false;
     }
     return false;
+}
+
+void removeMetrics(Platform &platform)
+{
+    platform.removeFile(metrics::kFile);
 }
 
 } // namespace zarvent

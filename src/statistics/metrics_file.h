@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 
 #include "hardware/runner.h"
@@ -24,6 +25,7 @@ constexpr const char *kFile = "/ramcache/zarvent/metrics/zarvent.prom";
 struct MetricsSnapshot {
     // Offsets in nanoseconds, as the page shows them.
     long offsetNs = 0;
+    bool offsetMeasured = false; // this cycle's offset came from the FPGA
     long meanOffsetNs = 0;
     long jitterNs = 0;
     unsigned dacCode = 0;
@@ -39,7 +41,16 @@ struct MetricsSnapshot {
     std::uint64_t ptpResponses = 0;
     std::uint64_t handoversClosed = 0;
     std::uint64_t handoversFailed = 0;
+    std::uint64_t handoversSkipped = 0; // the clock disagreed with the pulse
+    bool pulse = false;                 // the FPGA's pulse arrives
+    bool fpgaConfigured = false;        // the FPGA answered since its load
+    // What ntptime's first and third lines said last; nothing before they
+    // were read in their documented form.
+    std::optional<bool> kernelClockSynchronised;
+    std::optional<std::int32_t> kernelTaiOffset;
+    std::int32_t taiOffset = 0; // in use, from the leap-second list (-1 unknown)
     std::map<std::string, ToolCounts, std::less<>> commands;
+    std::map<std::string, std::uint64_t, std::less<>> failedReads;
     std::uint64_t errorLogLines = 0;
     std::uint64_t ramDiskFreeBytes = 0;
     std::uint64_t ramDiskFreeInodes = 0;
@@ -55,5 +66,7 @@ std::string formatMetrics(const MetricsSnapshot &m);
 // Writes the file whole (temporary file and rename), making its directory
 // when it is missing; false when it could not be written.
 bool writeMetrics(Platform &platform, const MetricsSnapshot &m);
+// Removes the file: a daemon that has stopped claims nothing.
+void removeMetrics(Platform &platform);
 
 } // namespace zarvent

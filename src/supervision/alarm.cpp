@@ -5,6 +5,7 @@
 #include "hardware/registers.h"
 #include "ntp/ntp_queries.h"
 #include "state/shared_state.h"
+#include "supervision/reference.h"
 
 namespace zarvent {
 
@@ -19,7 +20,7 @@ void AlarmLogic::captureEventTime()
 
 void AlarmLogic::check()
 {
-    const bool reference = gpsIsSystemPeer(runner_) || gpsIsPpsPeer(runner_);
+    const bool reference = reference_.ask() != Reference::None;
     if (reference && gpio_.readLevelOrZero(pin::kAlarmInput) != 0) {
         episodeLatched_ = false;
         registers_.modifyControl(fpga::kReferenceValidBit, 0, PipeMode::Read);

@@ -10,11 +10,14 @@ class Runner;
 class Gpio;
 class Registers;
 class SharedState;
+class ReferenceWatch;
 
 class AlarmLogic {
   public:
-    AlarmLogic(Runner &runner, Gpio &gpio, Registers &registers, SharedState &shared)
-        : runner_(runner), gpio_(gpio), registers_(registers), shared_(shared)
+    AlarmLogic(Runner &runner, Gpio &gpio, Registers &registers, SharedState &shared,
+               ReferenceWatch &reference)
+        : runner_(runner), gpio_(gpio), registers_(registers), shared_(shared),
+          reference_(reference)
     {}
 
     // One pass's look at the reference and the alarm input.
@@ -27,6 +30,7 @@ class AlarmLogic {
     Gpio &gpio_;
     Registers &registers_;
     SharedState &shared_;
+    ReferenceWatch &reference_;
     // True once the time the alarm cleared has been recorded; its start value
     // keeps the cycle thread's start time on the page until the first alarm.
     bool clearedTimeKept_ = true;

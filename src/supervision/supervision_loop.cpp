@@ -27,6 +27,10 @@ void SupervisionLoop::setup()
     // The DAC's three lines are the cycle thread's: it configures
     // them itself before its first DAC word.
     shared_.taiOffset = readTaiOffset(platform_, runner_);
+    if (shared_.taiOffset == -1)
+        platform_.writeError("zarvent: TAI-UTC is unknown (/leap-seconds.list or the scratch "
+                             "file temp could not be read): the seconds counts handed to the "
+                             "FPGA are on the UTC scale\n");
 }
 
 void SupervisionLoop::logReference(Reference reference)
@@ -49,18 +53,21 @@ void SupervisionLoop::logReference(Reference reference)
 
 bool SupervisionLoop::followReference()
 {
-    Reference current = Reference::None;
-    if (gpsIsSystemPeer(runner_)) {
+    const Reference current = reference_.ask();
+    switch (current) {
+    case Reference::SystemPeer:
         gpio_.echoLevel(pin::kReferenceA, 1);
         gpio_.echoLevel(pin::kReferenceB, 1);
-        current = Reference::SystemPeer;
-    } else if (gpsIsPpsPeer(runner_)) {
+        break;
+    case Reference::PpsPeer:
         gpio_.echoLevel(pin::kReferenceA, 0);
         gpio_.echoLevel(pin::kReferenceB, 1);
-        current = Reference::PpsPeer;
-    } else {
+        break;
+    case Reference::None:
+    case Reference::NotYetAsked:
         gpio_.echoLevel(pin::kReferenceA, 1);
         gpio_.echoLevel(pin::kReferenceB, 0);
+        break;
     }
     shared_.reference = current;
     if (current != previousReference_)

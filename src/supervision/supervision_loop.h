@@ -9,10 +9,12 @@
 #include <chrono>
 #include <cstdint>
 
+#include "hardware/runner.h"
 #include "state/shared_state.h"
 #include "supervision/alarm.h"
 #include "supervision/antenna.h"
 #include "supervision/factory.h"
+#include "supervision/reference.h"
 
 namespace zarvent {
 
@@ -35,8 +37,8 @@ class SupervisionLoop {
     SupervisionLoop(Platform &platform, Runner &runner, Gpio &gpio, Registers &registers,
                     SharedState &shared)
         : platform_(platform), runner_(runner), gpio_(gpio), registers_(registers), shared_(shared),
-          alarm_(runner, gpio, registers, shared), antenna_(platform, gpio, shared),
-          factory_(platform, runner, gpio)
+          reference_(platform, runner), alarm_(runner, gpio, registers, shared, reference_),
+          antenna_(platform, gpio, shared), factory_(platform, runner, gpio)
     {}
 
     // Exports and configures the indicator, test, button and antenna lines,
@@ -54,11 +56,16 @@ class SupervisionLoop {
     {
         return progress_.load(std::memory_order_relaxed);
     }
-    // The longest one pass may take with every command at its deadline: up
-    // to four ntpq queries (8 s), eight indicator echoes and the nine commands
-    // of a factory reset (5 s), two register-2 updates and the alarm's
-    // ntptime (2 s each), and the pass's sleep: about 135 s.
-    static constexpr std::chrono::seconds kProgressBound{180};
+    // The longest one pass may take with every command at its deadline: four
+    // peer queries, six indicator echoes, the factory default's eleven
+    // commands and its second, two register-2 updates (a read and a write
+    // each, and a wait for the cycle's update of the lock), the alarm's
+    // ntptime, and the pass's pause of 3 s.
+    static constexpr Deadline kWorstPass =
+        4 * kPeersDeadline + 17 * kShellDeadline + std::chrono::seconds{1} +
+        2 * 2 * 2 * kRegisterToolDeadline + kNtptimeDeadline + std::chrono::seconds{3};
+    static constexpr std::chrono::seconds kProgressBound{260};
+    static_assert(kProgressBound >= kWorstPass + std::chrono::seconds{20});
 
   private:
     bool followReference();
@@ -70,6 +77,7 @@ class SupervisionLoop {
     Registers &registers_;
     SharedState &shared_;
     // Its checks, in the order of a pass.
+    ReferenceWatch reference_;
     AlarmLogic alarm_;
     AntennaMonitor antenna_;
     FactoryDefault factory_;

@@ -2,7 +2,7 @@
 // fault. Each run steers and counts statistics for two minutes, then the
 // fault holds for three, then it clears and the run goes on for three more.
 // Every run must show: the daemon still running (but for the SPI device that
-// is gone, where it aborts by design), no register written with a value that
+// is gone, where it aborts by design, and a stop), no register written with a value that
 // did not come from the register, no file written outside the RAM disk's
 // output directory, and by the end a board that works again by itself:
 // cycles, hand-overs accepted, the oscillator steered, supervision passes and
@@ -50,6 +50,7 @@ struct Fault {
     std::int64_t clear = kClearAt;
     std::int64_t end = kEnd;
     bool aborts = false; // the daemon stops by design
+    bool stops = false;  // the fault is a stop request: the run ends with it
     // Set when the daemon keeps the fault's effect until it is restarted, by
     // design: the reason. The hand-overs are then expected to stay rejected.
     std::string keptUntilRestart;
@@ -61,7 +62,7 @@ struct Fault {
     // A check of the board at second checkAt (0: the run's last second); the
     // reason when it fails.
     std::function<std::string(VirtualBoard &)> finally;
-    std::int64_t checkAt = 0;
+    std::int64_t checkAt = 0; // -1: once the run has ended
     std::string start = "2026-11-16T13:27:00";
 };
 
@@ -71,15 +72,19 @@ struct Phase {
     int steered = 0; // seconds with the synchronisation flag set
     int handoversOk = 0;
     int handoversBad = 0;
+    int handoversOpened = 0;
     int dacWords = 0;
-    int passes = 0;      // supervision passes (reference queries)
-    int pageChanges = 0; // seconds in which the status page changed
+    int passes = 0;        // supervision passes (reference queries)
+    int pageChanges = 0;   // seconds in which the status page changed
+    int referenceLost = 0; // seconds the page named no reference
+    int alarm = 0;         // seconds the page showed the alarm
 };
 
 struct Seen {
     Phase during;
     Phase last; // the run's last minute
     bool aborted = false;
+    bool stopped = false;
     int unreadWrites = 0;
     std::vector<std::string> strayFiles;
     std::string page;    // the status page at the end
@@ -144,6 +149,9 @@ Seen runFault(const Fault &fault, std::string &error)
             phase->steered += view.daemon.steeringEnabled() ? 1 : 0;
             phase->handoversOk += stats.handoversAccepted - previous.handoversAccepted;
             phase->handoversBad += stats.handoversRejected - previous.handoversRejected;
+            phase->handoversOpened += stats.handoversOpen - previous.handoversOpen;
+            phase->referenceLost += now.find("</b>    NULL\n") != std::string::npos;
+            phase->alarm += now.find("<b>Alarm at:</b>") != std::string::npos;
             phase->dacWords += stats.dacWords - previous.dacWords;
             phase->pageChanges += now != page;
         }
@@ -152,7 +160,8 @@ Seen runFault(const Fault &fault, std::string &error)
         page = now;
         if (faultOn && fault.each)
             fault.each(view.board, view.model, t);
-        if (t == (fault.checkAt != 0 ? fault.checkAt : fault.end - 1) && fault.finally)
+        if (t == (fault.checkAt > 0 ? fault.checkAt : fault.end - 1) && fault.checkAt >= 0 &&
+            fault.finally)
             seen.finally = fault.finally(view.board);
         seen.errors = view.board.process().errorOutput();
         // Keep the memory of the long runs flat.
@@ -168,8 +177,11 @@ Seen runFault(const Fault &fault, std::string &error)
                 path != "/usr/bin/Zarvent/temp" && path != "/usr/bin/Zarvent/.temp.new")
                 seen.strayFiles.push_back(path);
     };
+    if (fault.checkAt < 0 && fault.finally)
+        options.afterRun = [&](VirtualBoard &board) { seen.finally = fault.finally(board); };
     const RunResult result = runScenario(options);
     seen.aborted = result.daemonAborted;
+    seen.stopped = result.daemonStopped;
     seen.page = page;
     if (!result.ok && !result.daemonAborted)
         error = result.error;
@@ -278,13 +290,60 @@ std::vector<Fault> faults(std::int64_t flapSeconds)
         for (Fault &f : list)
             if (f.name == program + ": never exits")
                 f.expect = namedOnce(program);
+    // The first load never ends: killed at its deadline, the FPGA is loaded
+    // again at once.
     {
-        Fault loader{"wrFPGA: never exits at start", [](VirtualBoard &b, BoardModel &, bool on) {
+        Fault loader{"wrFPGA: the first load never exits",
+                     [](VirtualBoard &b, BoardModel &, bool on) {
                          b.tools().setToolFault("./wrFPGA", on ? ToolFault::Hang : ToolFault::None);
                      }};
         loader.at = 0;
-        loader.keptUntilRestart = "at the next restart (the loader runs once, at start)";
+        loader.clear = 100;
+        loader.finally = [](VirtualBoard &b) {
+            const std::size_t loads = b.tools().countCommand("./wrFPGA --file Version_1.rbf");
+            return loads == 2 && b.fpga().loaderRuns() == 1 ? std::string()
+                                                            : format("%zu loads", loads);
+        };
         list.push_back(loader);
+    }
+    // Peer names that take 10 s to resolve (a silent name server): slow is
+    // not dead; the board keeps its reference, its bit and no alarm.
+    {
+        Fault slow{
+            "ntpq -p: 10 s a call (a silent name server)",
+            [](VirtualBoard &b, BoardModel &, bool on) {
+                tool(b, {"ntpq -p | grep '*G'", "ntpq -p | grep 'oG'"}, ToolFault::VerySlow, on);
+            }};
+        slow.expect = [](const Seen &s) {
+            return s.during.referenceLost == 0 && s.during.alarm == 0
+                       ? std::string()
+                       : format("no reference on the page %d s, alarm %d s", s.during.referenceLost,
+                                s.during.alarm);
+        };
+        slow.checkAt = slow.clear - 1;
+        slow.finally = [](VirtualBoard &b) {
+            return (b.fpga().registerValue(2) & 1) != 0 ? std::string()
+                                                        : "the reference-valid bit is cleared";
+        };
+        list.push_back(slow);
+    }
+    // An ntpd that never answers clockvar is no valid receiver data: the
+    // first such cycle stops the steering and clears the FPGA's sync bit.
+    {
+        Fault wedged{"ntpq -c clockvar: never exits", [](VirtualBoard &b, BoardModel &, bool on) {
+                         tool(b, {"ntpq -c clockvar"}, ToolFault::Hang, on);
+                     }};
+        wedged.expect = [](const Seen &s) {
+            return s.during.steered <= 10
+                       ? std::string()
+                       : format("steered %d s with ntpd silent", s.during.steered);
+        };
+        wedged.checkAt = wedged.at + 40;
+        wedged.finally = [](VirtualBoard &b) {
+            return (b.fpga().registerValue(1) & 1) == 0 ? std::string()
+                                                        : "the sync bit is still set after 40 s";
+        };
+        list.push_back(wedged);
     }
 
     // Tools run only at start: the fault holds from the start.
@@ -463,17 +522,72 @@ std::vector<Fault> faults(std::int64_t flapSeconds)
             b.gpio().setInput(19, on ? level : 0);
         };
     };
+    // Without a pulse the board stops claiming steering within 3 s and says
+    // so once; once pulses return it says so once and qualifies afresh.
+    const auto withdrawn = [](const Seen &s) -> std::string {
+        if (s.during.steered > 4)
+            return format("steered %d s without a pulse", s.during.steered);
+        if (s.errors.find("zarvent: no pulse from the FPGA for 3 s") == std::string::npos ||
+            s.errors.find("zarvent: the FPGA's pulse is back") == std::string::npos)
+            return "standard error: " + s.errors;
+        return {};
+    };
     Fault low{"pulse line stuck low", pulse(0, 1000000, 0)};
-    low.expect = [](const Seen &s) {
-        return s.during.cycles == 0 ? std::string() : "cycles ran without a pulse";
+    low.expect = [withdrawn](const Seen &s) {
+        return s.during.cycles == 0 ? withdrawn(s) : "cycles ran without a pulse";
     };
     list.push_back(low);
-    list.push_back({"pulse line stuck high", pulse(0, 1000000, 1)});
+    Fault high{"pulse line stuck high", pulse(0, 1000000, 1)};
+    high.expect = withdrawn;
+    list.push_back(high);
     list.push_back({"pulse at 2 Hz", pulse(100000, 500000, 0)});
     {
         Fault gone{"pulse absent for a minute, then back", pulse(0, 1000000, 0)};
         gone.clear = gone.at + 60;
+        gone.expect = withdrawn;
         list.push_back(gone);
+    }
+
+    // The system clock 0.4 s off the pulse (a clock stepped by hand, an ntpd
+    // that only slews): no hand-over is opened, the steering goes on.
+    {
+        Fault off{"clock 0.4 s off the pulse", [](VirtualBoard &b, BoardModel &, bool on) {
+                      b.clock().stepClock(on ? 400000 : -400000);
+                  }};
+        off.expect = [](const Seen &s) -> std::string {
+            if (s.during.handoversOpened != 0)
+                return format("%d hand-overs opened", s.during.handoversOpened);
+            if (s.during.steered < 170)
+                return format("steered only %d s", s.during.steered);
+            if (s.errors.find("from the top of a second: no seconds count") == std::string::npos)
+                return "standard error: " + s.errors;
+            return {};
+        };
+        list.push_back(off);
+    }
+
+    // SIGTERM while steered, a relay pulse's bits aside: the FPGA's sync and
+    // reference-valid bits read 0 once the daemon has ended, the other bits
+    // of register 2 as they were, and no metrics claim anything.
+    {
+        Fault stop{"stop while steered", [](VirtualBoard &b, BoardModel &, bool on) {
+                       if (!on)
+                           return;
+                       b.fpga().setRegister(2, 0x19);
+                       b.process().requestStop();
+                   }};
+        stop.stops = true;
+        stop.checkAt = -1;
+        stop.finally = [](VirtualBoard &b) -> std::string {
+            if ((b.fpga().registerValue(1) & 1) != 0 || b.fpga().registerValue(2) != 0x18)
+                return format("registers 1 and 2 read %llu and %llu after the stop",
+                              static_cast<unsigned long long>(b.fpga().registerValue(1)),
+                              static_cast<unsigned long long>(b.fpga().registerValue(2)));
+            if (b.files().exists("/ramcache/zarvent/metrics/zarvent.prom"))
+                return "the metrics file stays";
+            return {};
+        };
+        list.push_back(stop);
     }
 
     // The reference flapping at every supervision pass.
@@ -540,9 +654,12 @@ int main(int argc, char **argv)
         if (problem.empty() && s.aborted != fault.aborts)
             problem = s.aborted ? "the daemon aborted" : "the daemon did not stop";
         std::string recovery = fault.aborts                      ? "stopped (by design)"
+                               : fault.stops                     ? "stopped (asked to)"
                                : !fault.keptUntilRestart.empty() ? fault.keptUntilRestart
                                                                  : "yes";
-        if (!fault.aborts && !s.aborted) {
+        if (problem.empty() && fault.stops != s.stopped)
+            problem = s.stopped ? "the daemon stopped" : "the daemon did not stop";
+        if (!fault.aborts && !fault.stops && !s.aborted) {
             if (const std::string why = recovered(s, !fault.keptUntilRestart.empty());
                 !why.empty()) {
                 recovery = "no: " + why;

@@ -160,6 +160,7 @@ class FakePlatform final : public Platform {
     bool stopRequested() override { return false; }
     bool waitForStopRequest(Deadline) override { __builtin_trap(); }
     void joinThreads() override { __builtin_trap(); }
+    void grantFinalGrace() override { __builtin_trap(); }
     std::optional<std::uint64_t> deviceOf(const std::string &) override { return {}; }
     int tryLockFile(int) override { return -1; }
     std::int64_t monotonicNs() override { return 0; }

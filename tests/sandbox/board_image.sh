@@ -9,7 +9,9 @@
 #                            with ZARVENT a .deb, the image installs that
 #                            package, and an armhf daemon runs under
 #                            qemu-arm-static (the board's tools stay the host's)
-#   image_start ROOT PULSE   start the daemon (PULSE 1: line 19 pulses once a second)
+#   image_start ROOT PULSE   start the daemon; PULSE 0: no pulse, else the mode
+#                            of line 19's pulse (image_pulse_loop), changed by
+#                            writing ROOT/pulse.mode while it runs
 #   image_stop               end it
 #   image_daemon_pid ROOT    the daemon's process id, as this machine sees it
 
@@ -36,7 +38,7 @@ image_tool() { # image_tool ROOT PATH BODY: a script that logs its command line 
 
 image_make() {
     local root=$1 zarvent=$2
-    mkdir -p "$root"/{bin,sbin,usr/bin/Zarvent,etc/network,log,fpga,tmp,ftpdir,dev,run,sys/class/gpio}
+    mkdir -p "$root"/{bin,sbin,usr/bin/Zarvent,etc/network,log,fpga,fake,tmp,ftpdir,dev,run,sys/class/gpio}
     cp "$BUSYBOX" "$root/bin/busybox"
     # Only harmless utilities come from busybox. The shell is dash: busybox's
     # shell runs its own applets before it looks at PATH, so "adjtimex -t
@@ -71,11 +73,13 @@ image_make() {
     echo 0 > "$root/usr/bin/Zarvent/nmea_emul_flag.txt"
     printf '3692217600\t37\t# 1 Jan 2017\n' > "$root/leap-seconds.list"
 
-    # spiWrite: five lines, the fifth the bytes received; registers in /fpga.
-    # With /fpga/hang present, one call hangs (a wedged SPI controller).
+    # spiWrite: five lines, the fifth the bytes received; registers in /fpga,
+    # one-byte writes kept there. With /fpga/hang present, one call hangs (a
+    # wedged SPI controller).
     image_tool "$root" /usr/bin/Zarvent/spiWrite '
 if rm /fpga/hang 2>/dev/null; then echo "-- hang" >> /log/commands.log; exec sleep 3600; fi
 m=$2; d=$6; reg=$7
+[ "$m" = 1 ] && [ "$d" = 1 ] && echo "$8" > /fpga/reg$reg
 echo "spiWrite: mode $m length $4 data $d"
 echo "register $reg"
 echo "tx: $*"
@@ -88,8 +92,15 @@ else
   while [ $i -lt $d ]; do line="$line A5"; i=$((i+1)); done
 fi
 echo "$line"'
-    image_tool "$root" /usr/bin/Zarvent/wrFPGA 'echo "wrFPGA: loading"; echo "wrFPGA: loaded"'
+    # /fake/loader-hang: one load never ends. /fake/peers-slow: ntpq -p takes
+    # 10 s (a name server that does not answer). /fake/clockvar-hang: ntpq -c
+    # never ends (a wedged ntpd).
+    image_tool "$root" /usr/bin/Zarvent/wrFPGA '
+rm /fake/loader-hang 2>/dev/null && exec sleep 3600
+echo "wrFPGA: loading"; echo "wrFPGA: loaded"'
     image_tool "$root" /bin/ntpq '
+[ "$1" = "-p" ] && [ -f /fake/peers-slow ] && sleep 10
+[ "$1" = "-c" ] && [ -f /fake/clockvar-hang ] && exec sleep 3600
 if [ "$1" = "-p" ]; then
   echo "     remote           refid      st t when poll reach   delay   offset  jitter"
   echo "=============================================================================="
@@ -127,27 +138,48 @@ echo "  maximum error 16000 us, estimated error 16 us, TAI offset 37"'
     done
     for n in 79 85 86 87 88 176; do echo 1 > "$root/sys/class/gpio/gpio$n/value"; done
 
-    cat > "$root/start.sh" <<EOS
-#!/bin/sh
-# The FPGA's pulse: line 19 high for 100 ms of every second.
-if [ "\$1" = 1 ]; then
-  ( while true; do
-      echo 1 > /sys/class/gpio/gpio19/value; echo pulse >> /log/pulses; echo "-- pulse" >> /log/commands.log; usleep 100000
-      echo 0 > /sys/class/gpio/gpio19/value; usleep 900000
-    done ) &
-fi
-exec /bin/sh /daemon.sh > /log/stdout 2> /log/stderr
-EOS
+    printf '#!/bin/sh\nexec /bin/sh /daemon.sh > /log/stdout 2> /log/stderr\n' > "$root/start.sh"
     printf 'cd /usr/bin/Zarvent && exec %s ./zarvent\n' "$emulator" > "$root/daemon.sh"
     chmod 755 "$root/start.sh"
 }
 
+# The FPGA's pulse on line 19, driven from outside the image on the clock's
+# own seconds, as ROOT/pulse.mode says: 1 (once a second, 100 ms high from
+# the top of the second), 4 (four times a second, 50 ms high), late (once a
+# second, 0.4 s after the top), off.
+image_pulse_loop() {
+    local root=$1 value=$1/sys/class/gpio/gpio19/value mode period at high now us wait
+    while [ -d "$root/log" ]; do
+        mode=$(cat "$root/pulse.mode" 2>/dev/null || echo off)
+        case $mode in
+        4) period=250000 at=0 high=50000 ;;
+        late) period=1000000 at=400000 high=100000 ;;
+        1) period=1000000 at=0 high=100000 ;;
+        *) echo 0 > "$value"; sleep 0.1; continue ;;
+        esac
+        now=$EPOCHREALTIME
+        us=$((10#${now#*.}))
+        wait=$(( ((at - us) % period + period) % period ))
+        [ "$wait" -gt 0 ] && sleep "$(printf '0.%06d' "$wait")"
+        echo 1 > "$value"
+        echo pulse >> "$root/log/pulses"
+        echo "-- pulse" >> "$root/log/commands.log"
+        sleep "$(printf '0.%06d' "$high")"
+        echo 0 > "$value"
+    done
+}
+
 image_start() {
     local root=$1 pulse=$2
+    if [ "$pulse" != 0 ]; then
+        echo "$pulse" > "$root/pulse.mode"
+        image_pulse_loop "$root" &
+        IMAGE_PULSES=$!
+    fi
     setpriv --inh-caps=-all --bounding-set -sys_time,-sys_module,-sys_boot,-sys_rawio \
         unshare --net --mount --pid --fork --kill-child sh -c \
         "mount --make-rprivate / && touch '$root/dev/null' && mount --bind /dev/null '$root/dev/null' &&
-         exec chroot '$root' /bin/sh /start.sh $pulse" &
+         exec chroot '$root' /bin/sh /start.sh" &
     IMAGE_PID=$!
 }
 
@@ -159,6 +191,7 @@ image_second() {
 }
 
 image_stop() {
+    [ -n "${IMAGE_PULSES:-}" ] && kill "$IMAGE_PULSES" 2>/dev/null || true
     [ -n "${IMAGE_PID:-}" ] && kill -9 "$IMAGE_PID" 2>/dev/null || true
     wait 2>/dev/null || true
 }
