@@ -234,16 +234,17 @@ void CycleLoop::watchForThePulse()
 bool CycleLoop::poll()
 {
     if (pulse_.read() != 0 && armed_) {
-        const std::int64_t now = platform_.monotonicNs();
         if (pulseLost_) {
             pulseLost_ = false;
             say("the FPGA's pulse is back after " +
-                std::to_string((now - lastPulseNs_) / kSecondNs) +
+                std::to_string((platform_.monotonicNs() - lastPulseNs_) / kSecondNs) +
                 " s; steering starts again once the receiver has qualified");
         }
-        lastPulseNs_ = now;
         runCycle();
         armed_ = false;
+        // The line is not looked at while a cycle runs: a cycle held up by a
+        // slow tool missed the pulses of its time, it did not see none.
+        lastPulseNs_ = platform_.monotonicNs();
         return true;
     }
     // An armed cycle stays armed whatever a second read shows, so the second

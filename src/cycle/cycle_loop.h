@@ -134,7 +134,7 @@ class CycleLoop {
     // The latest ntptime reading's date and time: the page shows it until a
     // reading succeeds again.
     std::string now_;
-    // The pulse: when the last one started a cycle (monotonic), whether it
+    // The pulse: when the last cycle it started ended (monotonic), whether it
     // is lost, when the metrics were last written without one.
     std::int64_t lastPulseNs_ = 0;
     bool pulseLost_ = false;
