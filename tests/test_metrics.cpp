@@ -85,44 +85,6 @@ TEST(Metrics, SineAndStepByHand)
     EXPECT_EQ(mtie(step, 19), 10.0);
 }
 
-TEST(Metrics, VerdictsAndWorstPoint)
-{
-    std::vector<double> step(12, 0.0);
-    std::fill(step.begin() + 6, step.end(), 30.0);
-    const struct Case {
-        const char *name;
-        std::vector<double> x;
-        bool te, mtie, tdev;
-        double mtieWorstTau, mtieWorstRatio, tdevWorstTau, tdevWorstRatio; // 0: not checked
-    } cases[] = {
-        {"constant 50", std::vector<double>(100, 50.0), true, true, true, 0, 0, 0, 0},
-        {"constant -150", std::vector<double>(100, -150.0), false, true, true, 0, 0, 0, 0},
-        // Sine of amplitude 10: MTIE 10 at 1 s, 20 beyond (mask 25.55 at 2 s);
-        // TDEV 10 sqrt(2/3) = 8.16 at 2 s against 3 ns.
-        {"sine", repeat({0, 10, 0, -10}, 3), true, true, false, 2, 20 / 25.55, 2,
-         10 * std::sqrt(2.0 / 3) / 3},
-        // A 30 ns step: MTIE 30 at every interval, the tightest mask at 1 s;
-        // TDEV 30 sqrt(2 / (6 * 10)) = 5.5 at 1 s.
-        {"step", step, true, false, false, 1, 30 / 25.275, 0, 0},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.name);
-        const MetricsSummary s = summarize(c.x);
-        EXPECT_EQ(s.timeErrorPass, c.te);
-        EXPECT_EQ(s.mtie.pass, c.mtie);
-        EXPECT_EQ(s.tdev.pass, c.tdev);
-        EXPECT_EQ(s.points.back().n, c.x.size() - 1);
-        if (c.mtieWorstTau > 0) {
-            EXPECT_EQ(s.mtie.worstTauS, c.mtieWorstTau);
-            EXPECT_NEAR(s.mtie.worstRatio, c.mtieWorstRatio, 1e-9);
-        }
-        if (c.tdevWorstTau > 0) {
-            EXPECT_EQ(s.tdev.worstTauS, c.tdevWorstTau);
-            EXPECT_NEAR(s.tdev.worstRatio, c.tdevWorstRatio, 1e-9);
-        }
-    }
-}
-
 TEST(Report, WritesThePageAndOneCsvRowPerSecond)
 {
     std::string dirTemplate =
